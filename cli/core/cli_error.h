@@ -1,0 +1,24 @@
+// The one failure value of a command, thrown up to the entry and printed once.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace vorn {
+
+struct CliError {
+  std::string message;
+  int32_t code = 1;
+  std::optional<std::string> instance;
+  std::optional<std::vector<std::string>> instances;
+  std::optional<std::string> preface;
+
+  bool operator==(const CliError&) const = default;
+};
+
+// A usage error: exit status 2.
+inline CliError usageError(std::string message) { return CliError{std::move(message), 2}; }
+
+}  // namespace vorn

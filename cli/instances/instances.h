@@ -1,0 +1,88 @@
+// The registry of live instances: runtime directory scan, selection, launch, fan-out.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "core/cli_error.h"
+#include "core/context.h"
+#include "core/flags.h"
+#include "json/json.h"
+
+namespace vorn {
+
+struct InstanceInfo {
+  std::string id;
+  int64_t pid = 0;
+  std::string socketPath;          // the path the CLI dialled
+  std::string reportedSocketPath;  // the path the instance reports
+  std::string workspace;
+  std::string workspaceName;
+  std::string vornRoot;
+  double startedAt = 0;
+  std::string transport = "af_unix";
+  std::string platform;
+  std::optional<std::string> mode;
+  bool foreign = false;
+
+  // The failable constructor from a GET /instance record.
+  static std::optional<InstanceInfo> fromJSON(const JSON& json);
+  bool operator==(const InstanceInfo&) const = default;
+};
+
+struct StaleEntry {
+  int64_t pid = 0;
+  std::string dir;
+  std::string sock;
+  std::string reason;  // "dead-pid", "no-sock", "unreachable"
+  bool operator==(const StaleEntry&) const = default;
+};
+
+struct Scan {
+  std::vector<InstanceInfo> live;
+  std::vector<StaleEntry> stale;
+  std::vector<StaleEntry> removed;
+};
+
+std::optional<InstanceInfo> probeInstance(const std::string& sock);
+bool pidAlive(int64_t pid);
+bool isForeignHost(const InstanceInfo& record, const std::string& dialled);
+bool hasSelector(const Flags& flags);
+std::vector<InstanceInfo> matchInstances(const std::vector<InstanceInfo>& instances,
+                                         const std::optional<std::string>& id,
+                                         const std::optional<int64_t>& pid);
+CliError ambiguous(const std::string& message, const std::vector<InstanceInfo>& instances,
+                   const std::string& hint);
+
+// The registry service handed to every verb.
+struct Instances {
+  Context& ctx;
+
+  std::string runtimeRoot() const;
+  Scan scan(bool prune) const;
+
+  // Selection; all throw CliError.
+  std::vector<InstanceInfo> resolve(const Flags& flags, bool requireOneWhenMany,
+                                    bool allowAll) const;
+  InstanceInfo one(const Flags& flags, const std::string& verb) const;
+  std::optional<InstanceInfo> own() const;
+  std::vector<InstanceInfo> implicitPool(const std::vector<InstanceInfo>& instances,
+                                         const std::string& message) const;
+  InstanceInfo owner(const std::string& path, const std::string& verb) const;
+  bool waitForExit(const InstanceInfo& instance, double timeoutSeconds) const;
+
+  // App launch; throws CliError.
+  void launchApp(const std::optional<std::string>& folder, bool forceNew,
+                 const std::map<std::string, std::string>& env) const;
+
+  // Fan-out; both throw CliError.
+  void postEach(const std::vector<InstanceInfo>& targets, const std::string& path,
+                const JSON& body, const std::string& label, bool json) const;
+  void readEach(const std::string& method, const std::string& path, const JSON* body,
+                const Flags& flags, const std::string& label) const;
+};
+
+}  // namespace vorn

@@ -1,0 +1,26 @@
+#!/usr/bin/env bash
+# Installs the system packages the build and tests need, when they are missing.
+# Idempotent: a machine that has everything is left alone.
+set -euo pipefail
+
+missing=()
+need() { command -v "$1" >/dev/null 2>&1 || missing+=("$2"); }
+need cmake cmake
+need ninja ninja-build
+need g++ g++
+need npm npm
+need jq jq
+[ -f /usr/include/gtest/gtest.h ] || missing+=(libgtest-dev)
+[ -f /usr/include/benchmark/benchmark.h ] || missing+=(libbenchmark-dev)
+
+if [ ${#missing[@]} -gt 0 ]; then
+  if [ "$(uname)" != Linux ] || ! command -v apt-get >/dev/null 2>&1; then
+    echo "missing: ${missing[*]} (install them with your package manager)" >&2
+    exit 1
+  fi
+  sudo=""
+  [ "$(id -u)" = 0 ] || sudo="sudo"
+  echo "installing: ${missing[*]}"
+  $sudo apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}"
+fi
