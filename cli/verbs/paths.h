@@ -10,14 +10,23 @@
 namespace vorn {
 
 namespace Paths {
+// The checkout's command-line script entry, relative to the checkout root (run with Bun).
+inline constexpr std::string_view checkoutScriptEntry = "src/cli/vorn.ts";
+
+// Collapses "//" and ".", resolves ".." lexically; an absolute path never climbs above "/".
 std::string normalize(std::string_view path);
+// Non-empty parts joined with "/", then normalised.
 std::string join(const std::vector<std::string_view>& parts);
+// The path from `base` to `path` ("..", then the rest); equal paths give "".
 std::string relative(std::string_view base, std::string_view path);
 // The text before the last "/": "." without one, "/" when it is the first character.
 std::string parent(std::string_view path);
 // `path` made absolute against cwd (unless it begins with "/") and normalised.
 std::string absolute(std::string_view cwd, std::string_view path);
+// False inside an application bundle; else MODULE.bazel, tools/go.pin and the script entry
+// must all be regular files.
 bool isCheckout(const std::string& dir);
+// The nearest checkout at or above `containing`, walking up with parent().
 std::optional<std::string> checkout(std::string_view containing);
 // realpath(3), or the path as it stands when that fails.
 std::string real(const std::string& path);
@@ -39,7 +48,12 @@ struct SplitPosition {
   bool operator==(const SplitPosition&) const = default;
 };
 
+// "<file>:<line>[:<col>]" split at its trailing numeric pieces; nothing when there is none,
+// the file part is empty or a number does not fit. Line and column 0 are passed through:
+// the callers decide what a 0 means.
 std::optional<SplitPosition> splitPosition(std::string_view arg);
+// The existing regular file that `arg` names, tried whole first and then without its
+// position suffix; relative paths are taken against cwd.
 std::optional<FileTarget> parseFileTarget(std::string_view arg, std::string_view cwd);
 
 }  // namespace vorn

@@ -1,0 +1,199 @@
+#include "verbs/paths.h"
+
+#include <sys/stat.h>
+
+#include <charconv>
+#include <cstdlib>
+#include <memory>
+
+namespace vorn {
+
+namespace {
+
+// Components of `path` between slashes, empty ones dropped.
+std::vector<std::string_view> components(std::string_view path) {
+  std::vector<std::string_view> out;
+  size_t start = 0;
+  while (start <= path.size()) {
+    size_t slash = path.find('/', start);
+    if (slash == std::string_view::npos) slash = path.size();
+    if (slash > start) out.push_back(path.substr(start, slash - start));
+    start = slash + 1;
+  }
+  return out;
+}
+
+std::string joinWithSlash(const std::vector<std::string_view>& parts, bool leadingSlash) {
+  size_t size = leadingSlash ? 1 : 0;
+  for (auto part : parts) size += part.size() + 1;
+  std::string out;
+  out.reserve(size);
+  if (leadingSlash) out.push_back('/');
+  for (size_t i = 0; i < parts.size(); ++i) {
+    if (i > 0) out.push_back('/');
+    out.append(parts[i]);
+  }
+  return out;
+}
+
+bool isNumeric(std::string_view piece) {
+  if (piece.empty()) return false;
+  for (char c : piece) {
+    if (c < '0' || c > '9') return false;
+  }
+  return true;
+}
+
+std::optional<int64_t> parseDecimal(std::string_view digits) {
+  int64_t value = 0;
+  auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
+  if (ec != std::errc() || end != digits.data() + digits.size()) return std::nullopt;
+  return value;
+}
+
+bool statMode(const std::string& path, mode_t type) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0) return false;
+  return (st.st_mode & S_IFMT) == type;
+}
+
+}  // namespace
+
+namespace Paths {
+
+std::string normalize(std::string_view path) {
+  bool isAbsolute = !path.empty() && path.front() == '/';
+  std::vector<std::string_view> kept;
+  for (auto part : components(path)) {
+    if (part == ".") continue;
+    if (part == "..") {
+      if (!kept.empty() && kept.back() != "..") {
+        kept.pop_back();
+      } else if (!isAbsolute) {
+        kept.push_back(part);
+      }
+      continue;
+    }
+    kept.push_back(part);
+  }
+  return joinWithSlash(kept, isAbsolute);
+}
+
+std::string join(const std::vector<std::string_view>& parts) {
+  std::vector<std::string_view> nonEmpty;
+  nonEmpty.reserve(parts.size());
+  for (auto part : parts) {
+    if (!part.empty()) nonEmpty.push_back(part);
+  }
+  return normalize(joinWithSlash(nonEmpty, false));
+}
+
+std::string relative(std::string_view base, std::string_view path) {
+  auto from = components(base);
+  auto to = components(path);
+  size_t common = 0;
+  while (common < from.size() && common < to.size() && from[common] == to[common]) ++common;
+  std::vector<std::string_view> out(from.size() - common, "..");
+  out.insert(out.end(), to.begin() + common, to.end());
+  return joinWithSlash(out, false);
+}
+
+std::string parent(std::string_view path) {
+  size_t slash = path.rfind('/');
+  if (slash == std::string_view::npos) return ".";
+  if (slash == 0) return "/";
+  return std::string(path.substr(0, slash));
+}
+
+std::string absolute(std::string_view cwd, std::string_view path) {
+  if (!path.empty() && path.front() == '/') return normalize(path);
+  std::string joined;
+  joined.reserve(cwd.size() + 1 + path.size());
+  joined.append(cwd);
+  joined.push_back('/');
+  joined.append(path);
+  return normalize(joined);
+}
+
+bool isCheckout(const std::string& dir) {
+  // A folder inside an installed app bundle may carry the same files, but is never a checkout.
+  if (dir.find(".app/Contents") != std::string::npos) return false;
+  return isRegularFile(join({dir, "MODULE.bazel"})) && isRegularFile(join({dir, "tools/go.pin"})) &&
+         isRegularFile(join({dir, checkoutScriptEntry}));
+}
+
+std::optional<std::string> checkout(std::string_view containing) {
+  std::string p = normalize(containing);
+  if (isCheckout(p)) return p;
+  while (true) {
+    std::string up = parent(p);
+    if (up == p) return std::nullopt;
+    p = std::move(up);
+    if (isCheckout(p)) return p;
+  }
+}
+
+std::string real(const std::string& path) {
+  std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(path.c_str(), nullptr),
+                                                       &std::free);
+  if (!resolved) return path;
+  return std::string(resolved.get());
+}
+
+bool isDirectory(const std::string& path) { return statMode(path, S_IFDIR); }
+
+bool isRegularFile(const std::string& path) { return statMode(path, S_IFREG); }
+
+}  // namespace Paths
+
+std::optional<SplitPosition> splitPosition(std::string_view arg) {
+  std::vector<std::string_view> pieces;
+  size_t start = 0;
+  while (true) {
+    size_t colon = arg.find(':', start);
+    if (colon == std::string_view::npos) {
+      pieces.push_back(arg.substr(start));
+      break;
+    }
+    pieces.push_back(arg.substr(start, colon - start));
+    start = colon + 1;
+  }
+  if (pieces.size() < 2) return std::nullopt;
+
+  size_t numeric = 0;
+  while (numeric < 2 && numeric < pieces.size() && isNumeric(pieces[pieces.size() - 1 - numeric]))
+    ++numeric;
+  if (numeric == 0) return std::nullopt;
+
+  // The file part is everything before the numeric pieces, colons included.
+  size_t fileEnd = 0;
+  for (size_t i = 0; i + numeric < pieces.size(); ++i) fileEnd += pieces[i].size() + 1;
+  if (fileEnd == 0) return std::nullopt;
+  std::string_view file = arg.substr(0, fileEnd - 1);
+  if (file.empty()) return std::nullopt;
+
+  // Zero is passed through on purpose: callers decide whether line or column 0 means anything.
+  std::string_view first = pieces[pieces.size() - numeric];
+  auto line = parseDecimal(first);
+  if (!line) return std::nullopt;
+  std::optional<int64_t> col;
+  if (numeric == 2) {
+    col = parseDecimal(pieces.back());
+    if (!col) return std::nullopt;
+  }
+  return SplitPosition{std::string(file), *line, col};
+}
+
+std::optional<FileTarget> parseFileTarget(std::string_view arg, std::string_view cwd) {
+  // The whole word first, so that a file whose own name contains ":" still opens.
+  std::string whole = Paths::absolute(cwd, arg);
+  if (Paths::isRegularFile(whole)) return FileTarget{std::move(whole), std::nullopt, std::nullopt};
+
+  auto split = splitPosition(arg);
+  if (!split) return std::nullopt;
+  std::string file = Paths::absolute(cwd, split->file);
+  if (!Paths::isRegularFile(file)) return std::nullopt;
+  return FileTarget{std::move(file), split->line, split->col};
+}
+
+}  // namespace vorn
