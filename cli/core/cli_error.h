@@ -4,11 +4,15 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace vorn {
 
 struct CliError {
+  CliError() = default;
+  CliError(std::string message, int32_t code = 1) : message(std::move(message)), code(code) {}
+
   std::string message;
   int32_t code = 1;
   std::optional<std::string> instance;

@@ -1,0 +1,55 @@
+#include "commands.h"
+
+#include "core/command_table.h"
+#include "hosts/delegate.h"
+#include "instances/instances.h"
+#include "verbs/verbs.h"
+
+namespace vorn {
+
+namespace {
+
+// Verb handlers take the registry service; the router knows only Flags and Context.
+std::map<std::string, Handler> adapt(const VerbTable& verbs) {
+  std::map<std::string, Handler> out;
+  for (const auto& [name, handler] : verbs) {
+    out[name] = [handler](const Flags& flags, Context& ctx) {
+      Instances instances{ctx};
+      handler(flags, instances);
+    };
+  }
+  return out;
+}
+
+Commands buildCommands() {
+  Commands commands;
+  commands.handlers = {
+      {"instance", adapt(instanceVerbs())},       {"workspace", adapt(workspaceVerbs())},
+      {"file", adapt(fileVerbs())},               {"command", adapt(commandVerbs())},
+      {"diagnostics", adapt(diagnosticsVerbs())}, {"nogo", adapt(nogoVerbs())},
+      {"search", adapt(searchVerbs())},           {"test", adapt(testVerbs())},
+      {"language", adapt(languageVerbs())},       {"shell-command", {}},
+      {"doctor", {}},
+  };
+  commands.outcomeHandlers = {{"server", {}}, {"remote", {}}};
+  commands.version = [](const Flags& flags, Context& ctx) {
+    Instances instances{ctx};
+    printVersion(flags, instances);
+  };
+  commands.delegate = [](const std::vector<std::string>& words, Context& ctx) {
+    // The checkout's script CLI is the whole CLI, so it gets the "dev" back in front.
+    std::vector<std::string> args = {"dev"};
+    args.insert(args.end(), words.begin(), words.end());
+    return delegate(ctx, args, "dev");
+  };
+  return commands;
+}
+
+}  // namespace
+
+const Commands& commands() {
+  static const Commands table = buildCommands();
+  return table;
+}
+
+}  // namespace vorn

@@ -1,0 +1,133 @@
+#include "core/router.h"
+
+#include "core/cli_error.h"
+#include "core/command_table.h"
+#include "core/error_output.h"
+#include "core/help.h"
+#include "verbs/paths.h"
+
+namespace vorn {
+
+namespace {
+
+std::vector<std::string> rest(const std::vector<std::string>& words, size_t from) {
+  if (from >= words.size()) return {};
+  return {words.begin() + from, words.end()};
+}
+
+CliError unknownCommand(const std::string& word) {
+  return usageError("unknown command '" + word + "' (vorn help)");
+}
+
+bool isVersionWord(const std::string& word) {
+  return word == "version" || word == "--version" || word == "-V";
+}
+
+}  // namespace
+
+Outcome VornCLI::main(const std::vector<std::string>& args, Context& ctx,
+                      const Commands& commands) {
+  bool json = wantsJSON(args);
+  try {
+    return run(args, ctx, commands, json);
+  } catch (const CliError& error) {
+    std::string text = errorOutput(error, json);
+    if (!text.empty()) ctx.writeErr(text + "\n");
+    return Outcome::exit(error.code);
+  }
+}
+
+Outcome VornCLI::run(const std::vector<std::string>& args, Context& ctx, const Commands& commands,
+                     bool& json) {
+  if (!args.empty() && isVersionWord(args[0])) {
+    Flags flags = parseFlags(rest(args, 1), {});
+    commands.version(flags, ctx);
+    return Outcome::exit(0);
+  }
+  if (!args.empty() && args[0] == "dev") return commands.delegate(rest(args, 1), ctx);
+  return dispatch(args, ctx, commands, json);
+}
+
+Outcome VornCLI::dispatch(const std::vector<std::string>& args, Context& ctx,
+                          const Commands& commands, bool& json) {
+  const std::vector<std::string> words = hoistGlobals(args);
+  std::optional<std::string_view> first, second;
+  if (words.size() > 0) first = words[0];
+  if (words.size() > 1) second = words[1];
+
+  if (!first || isHelp(first)) {
+    if (!second) {
+      ctx.writeOut(topHelp() + "\n");
+      return Outcome::exit(0);
+    }
+    const NounSpec* noun = findNoun(*second);
+    if (!noun) throw unknownCommand(words[1]);
+    ctx.writeOut(nounHelp(*noun) + "\n");
+    return Outcome::exit(0);
+  }
+
+  const NounSpec* noun = findNoun(*first);
+  if (!noun) {
+    if (auto rewritten = pathShorthand(args, ctx)) return dispatch(*rewritten, ctx, commands, json);
+    throw unknownCommand(words[0]);
+  }
+  if (!second) {
+    CliError error = usageError("vorn " + noun->noun + ": missing verb (" + noun->verbNames() + ")");
+    error.preface = nounHelp(*noun);
+    throw error;
+  }
+  if (isHelp(second)) {
+    ctx.writeOut(nounHelp(*noun) + "\n");
+    return Outcome::exit(0);
+  }
+  const VerbSpec* verb = noun->verb(*second);
+  if (!verb) {
+    throw usageError("vorn " + noun->noun + ": unknown verb '" + words[1] + "' (" +
+                     noun->verbNames() + ")");
+  }
+
+  const std::vector<std::string> tail = rest(words, 2);
+  for (const std::string& word : tail) {
+    if (word == "--help" || word == "-h") {
+      ctx.writeOut(verbHelpPage(*verb) + "\n");
+      return Outcome::exit(0);
+    }
+  }
+  json = wantsJSON(words, verb->options);
+  Flags flags = parseFlags(tail, verb->options);
+
+  if (auto n = commands.handlers.find(noun->noun); n != commands.handlers.end()) {
+    if (auto v = n->second.find(verb->name); v != n->second.end()) {
+      v->second(flags, ctx);
+      return Outcome::exit(0);
+    }
+  }
+  if (auto n = commands.outcomeHandlers.find(noun->noun); n != commands.outcomeHandlers.end()) {
+    if (auto v = n->second.find(verb->name); v != n->second.end()) return v->second(flags, ctx);
+  }
+  throw CliError{"vorn " + noun->noun + " " + verb->name + ": not implemented in this CLI", 1};
+}
+
+std::optional<std::vector<std::string>> pathShorthand(const std::vector<std::string>& args,
+                                                      const Context& ctx) {
+  if (args.empty() || args[0].rfind("-", 0) == 0) return std::nullopt;
+  if (args.size() > 1 && args[1].rfind("-", 0) != 0) return std::nullopt;
+  const std::string& word = args[0];
+  auto prefixed = [&](std::vector<std::string> head) {
+    head.insert(head.end(), args.begin(), args.end());
+    return head;
+  };
+  std::string path = word.rfind("/", 0) == 0 ? word : ctx.cwd + "/" + word;
+  if (Paths::isDirectory(path)) return prefixed({"workspace", "open"});
+  if (parseFileTarget(word, ctx.cwd)) return prefixed({"file", "open"});
+  bool explicitSocket = false;
+  for (const std::string& arg : args) {
+    explicitSocket = explicitSocket || arg == "--sock" || arg.rfind("--sock=", 0) == 0;
+  }
+  if (explicitSocket && word.find_first_of("/.") != std::string::npos) {
+    return prefixed({"file", "open"});
+  }
+  return std::nullopt;
+}
+
+}  // namespace vorn

@@ -1,0 +1,14 @@
+// Small text helpers shared by the output code.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace vorn {
+
+// User-perceived width: the number of code points (UTF-8 continuation bytes do not count).
+size_t charCount(std::string_view text);
+// text padded with spaces on the right to `width` characters.
+void appendPadded(std::string& out, std::string_view text, size_t width);
+
+}  // namespace vorn

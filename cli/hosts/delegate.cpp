@@ -1,0 +1,69 @@
+#include "hosts/delegate.h"
+
+#include <string.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "core/cli_error.h"
+#include "verbs/paths.h"
+
+namespace vorn {
+
+std::optional<std::string> checkoutRoot(const Context& ctx) {
+  if (auto root = Paths::checkout(ctx.cwd)) return root;
+  if (ctx.executable.rfind("/", 0) == 0) {
+    if (auto root = Paths::checkout(Paths::parent(ctx.executable))) return root;
+  }
+  const std::string* fromEnv = ctx.getenv("VORN_REPO_ROOT");
+  if (fromEnv && !fromEnv->empty() && Paths::isCheckout(*fromEnv)) return *fromEnv;
+  return std::nullopt;
+}
+
+Outcome delegate(const Context& ctx, const std::vector<std::string>& args,
+                 const std::string& label) {
+  std::optional<std::string> root = checkoutRoot(ctx);
+  if (!root) {
+    throw CliError{"vorn " + label +
+                       ": needs a Vorn checkout (run from one, or set VORN_REPO_ROOT) \u2014 the "
+                       "installed app ships only the product CLI",
+                   1};
+  }
+  std::vector<std::string> argv = {"bun", Paths::join({*root, checkoutCLIScript})};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return Outcome::exec(std::move(argv), root);
+}
+
+namespace {
+
+std::string trimmed(const std::string& text) {
+  const char* blanks = " \t\r\n";
+  size_t begin = text.find_first_not_of(blanks);
+  if (begin == std::string::npos) return "";
+  size_t end = text.find_last_not_of(blanks);
+  return text.substr(begin, end - begin + 1);
+}
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return "";
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+}  // namespace
+
+std::string execFailure(const std::string& program, int error,
+                        const std::optional<std::string>& root) {
+  if (program == "bun" && error == ENOENT) {
+    std::string where = root ? " in " + *root : "";
+    std::string what =
+        root ? "Bun >= " + trimmed(readFile(Paths::join({*root, ".bun-version"}))) : "Bun";
+    return "vorn: bun not on PATH \u2014 run `direnv allow`" + where + ", or install " + what +
+           " (https://bun.sh puts it in ~/.bun/bin)\n";
+  }
+  return "vorn: cannot run " + program + ": " + ::strerror(error) + "\n";
+}
+
+}  // namespace vorn

@@ -1,0 +1,22 @@
+// The source checkout this invocation belongs to, and the `vorn dev` hand-over to its CLI script.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "core/context.h"
+#include "core/outcome.h"
+
+namespace vorn {
+
+// The checkout's script CLI, relative to its root.
+constexpr const char* checkoutCLIScript = "src/cli/vorn.ts";
+
+std::optional<std::string> checkoutRoot(const Context& ctx);
+// `vorn dev <words...>` becomes `bun <root>/src/cli/vorn.ts dev <words...>`; throws CliError.
+Outcome delegate(const Context& ctx, const std::vector<std::string>& args, const std::string& label);
+// What to print when replacing the process with `program` failed with `error`.
+std::string execFailure(const std::string& program, int error, const std::optional<std::string>& root);
+
+}  // namespace vorn

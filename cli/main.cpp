@@ -1,0 +1,55 @@
+// The process entry: ignore SIGPIPE, build the context, run, carry out the outcome.
+#include <errno.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "core/context.h"
+#include "core/outcome.h"
+#include "core/router.h"
+#include "hosts/delegate.h"
+
+extern char** environ;
+
+namespace {
+
+std::vector<char*> cArgv(std::vector<std::string>& argv) {
+  std::vector<char*> out;
+  for (std::string& arg : argv) out.push_back(arg.data());
+  out.push_back(nullptr);
+  return out;
+}
+
+// Replaces the process image; returns only when that failed.
+int replaceProcess(std::vector<std::string> argv, const std::optional<std::string>& root) {
+  ::signal(SIGPIPE, SIG_DFL);  // the child must not inherit the ignore disposition
+  if (argv.empty()) return 127;
+  std::vector<char*> args = cArgv(argv);
+  ::execvp(args[0], args.data());
+  int error = errno;
+  vorn::emit(2, vorn::execFailure(argv[0], error, root));
+  return 127;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  ::signal(SIGPIPE, SIG_IGN);
+  vorn::Context ctx = vorn::processContext(environ);
+  std::vector<std::string> args(argv + (argc > 0 ? 1 : 0), argv + argc);
+  vorn::Outcome outcome = vorn::VornCLI::main(args, ctx, vorn::commands());
+
+  if (auto* exit = std::get_if<vorn::Outcome::Exit>(&outcome.value)) return exit->code;
+  if (auto* exec = std::get_if<vorn::Outcome::Exec>(&outcome.value)) {
+    if (exec->root) ::setenv("VORN_REPO_ROOT", exec->root->c_str(), 1);
+    return replaceProcess(exec->argv, exec->root);
+  }
+  auto& host = std::get<vorn::Outcome::ExecHost>(outcome.value);
+  for (const auto& [name, value] : host.env) ::setenv(name.c_str(), value.c_str(), 1);
+  for (const std::string& name : host.unset) ::unsetenv(name.c_str());
+  return replaceProcess(host.argv, std::nullopt);
+}

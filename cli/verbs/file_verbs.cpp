@@ -1,0 +1,7 @@
+#include "verbs/verbs.h"
+
+namespace vorn {
+
+VerbTable fileVerbs() { return {}; }
+
+}  // namespace vorn

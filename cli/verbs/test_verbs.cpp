@@ -1,0 +1,7 @@
+#include "verbs/verbs.h"
+
+namespace vorn {
+
+VerbTable testVerbs() { return {}; }
+
+}  // namespace vorn
