@@ -1,10 +1,13 @@
 // The registry of live instances: runtime directory scan, selection, launch, fan-out.
 #pragma once
 
+#include <bitset>
 #include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "core/cli_error.h"
@@ -57,6 +60,35 @@ std::vector<InstanceInfo> matchInstances(const std::vector<InstanceInfo>& instan
 CliError ambiguous(const std::string& message, const std::vector<InstanceInfo>& instances,
                    const std::string& hint);
 
+// A folder younger than this may belong to an instance that has not bound its socket yet.
+inline constexpr int64_t staleAgeLimitSeconds = 10;
+// The age of a folder in milliseconds: now (seconds since 1970) against its modification time.
+double folderAgeMs(double nowSeconds, int64_t mtimeSeconds, int64_t mtimeNanoseconds);
+// True when a folder of that age may be pruned (strictly older than the limit).
+bool pastStaleAge(double ageMs);
+
+// The text table of instances: ID, PID, MODE, WORKSPACE, SOCK (no trailing newline).
+std::string instanceTable(const std::vector<InstanceInfo>& instances);
+
+// Query-string encoding. A byte set holds the bytes that are copied unencoded.
+using ByteSet = std::bitset<256>;
+const ByteSet& componentSafe();  // letters, digits and - _ . ! ~ * ' ( )
+const ByteSet& formSafe();       // letters, digits and - _ . *
+std::string percentEncode(std::string_view text, const ByteSet& safe, bool spaceAsPlus);
+// "k=v&k2=v2" with both sides form-encoded, in the given order; no leading "?".
+std::string searchParams(const std::vector<std::pair<std::string, std::string>>& pairs);
+
+// App launch. The bundle to launch: the first candidate that exists on disk.
+std::optional<std::string> appBundle(const Context& ctx);
+// The arguments of /usr/bin/open; without a bundle the app is named "Vorn-dev".
+std::vector<std::string> openArguments(const std::optional<std::string>& bundle,
+                                       const std::optional<std::string>& folder, bool forceNew,
+                                       const std::map<std::string, std::string>& env,
+                                       const std::string& cwd);
+// Runs a program directly (no shell) with inherited streams and environment, and waits for it.
+// Its exit status; 128 + the signal when killed; 127 when it could not be started.
+int32_t runProcess(const std::string& executable, const std::vector<std::string>& arguments);
+
 // The registry service handed to every verb.
 struct Instances {
   Context& ctx;
@@ -83,6 +115,13 @@ struct Instances {
                 const JSON& body, const std::string& label, bool json) const;
   void readEach(const std::string& method, const std::string& path, const JSON* body,
                 const Flags& flags, const std::string& label) const;
+
+  // Deletes <root>/<pid> when it is plainly ours: a child of root, a real directory (never
+  // through a symbolic link), owned by us. True when it is gone.
+  static bool removeStaleDir(const std::string& root, const StaleEntry& entry);
+
+ private:
+  static bool workspaceContains(const InstanceInfo& instance, const std::string& path);
 };
 
 }  // namespace vorn

@@ -1,0 +1,174 @@
+// One request against many instances, and the query-string encoding of request paths.
+#include <exception>
+
+#include "instances/instances.h"
+#include "instances/parallel.h"
+#include "transport/transport.h"
+
+namespace vorn {
+
+namespace {
+
+ByteSet byteSet(std::string_view bytes) {
+  ByteSet set;
+  for (char c : bytes) set.set(static_cast<unsigned char>(c));
+  return set;
+}
+
+// The outcome of one POST of postEach.
+struct FanoutRow {
+  JSON row;
+  bool failed = false;
+  std::optional<std::string> detail;
+};
+
+FanoutRow postOne(const InstanceInfo& target, const std::string& path, const JSON& body) {
+  FanoutRow out;
+  try {
+    Reply reply = Transport::request(target.socketPath, "POST", path, &body);
+    out.row = JSON::object({{"id", JSON(target.id)},
+                            {"status", JSON(reply.status)},
+                            {"body", reply.body}});
+    if (!reply.ok()) {
+      out.failed = true;
+    } else if (const JSON* ok = reply.body.get("ok")) {
+      out.failed = *ok == JSON(false);
+    }
+    if (out.failed) {
+      if (const JSON* detail = reply.body.get("detail"); detail && detail->string()) {
+        out.detail = *detail->string();
+      }
+    }
+  } catch (const TransportError& e) {
+    // Status 0 marks a target that gave no reply at all.
+    out.row = JSON::object({{"id", JSON(target.id)},
+                            {"status", JSON(0)},
+                            {"body", JSON::object({{"error", JSON(e.description)}})}});
+    out.failed = true;
+  }
+  return out;
+}
+
+std::string printed(const JSON& value) { return value.serialized(2) + "\n"; }
+
+}  // namespace
+
+const ByteSet& componentSafe() {
+  static const ByteSet set = byteSet(
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_.!~*'()");
+  return set;
+}
+
+const ByteSet& formSafe() {
+  static const ByteSet set =
+      byteSet("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_.*");
+  return set;
+}
+
+std::string percentEncode(std::string_view text, const ByteSet& safe, bool spaceAsPlus) {
+  static const char hex[] = "0123456789ABCDEF";
+  std::string out;
+  out.reserve(text.size());
+  for (char c : text) {
+    unsigned char byte = static_cast<unsigned char>(c);
+    if (safe.test(byte)) {
+      out.push_back(c);
+    } else if (spaceAsPlus && byte == ' ') {
+      out.push_back('+');
+    } else {
+      out.push_back('%');
+      out.push_back(hex[byte >> 4]);
+      out.push_back(hex[byte & 0x0F]);
+    }
+  }
+  return out;
+}
+
+std::string searchParams(const std::vector<std::pair<std::string, std::string>>& pairs) {
+  std::string out;
+  for (size_t i = 0; i < pairs.size(); ++i) {
+    if (i) out.push_back('&');
+    out += percentEncode(pairs[i].first, formSafe(), true);
+    out.push_back('=');
+    out += percentEncode(pairs[i].second, formSafe(), true);
+  }
+  return out;
+}
+
+void Instances::postEach(const std::vector<InstanceInfo>& targets, const std::string& path,
+                         const JSON& body, const std::string& label, bool json) const {
+  std::vector<FanoutRow> rows = parallelMap(
+      targets, [&](const InstanceInfo& target) { return postOne(target, path, body); });
+
+  bool single = rows.size() == 1 && !json;
+  if (single) {
+    const JSON* replyBody = rows[0].row.get("body");
+    ctx.writeOut(printed(replyBody ? *replyBody : JSON()));
+    if (rows[0].failed && rows[0].detail) {
+      throw CliError{"vorn " + label + ": " + *rows[0].detail};
+    }
+  } else {
+    JSON::Array all;
+    all.reserve(rows.size());
+    for (const auto& row : rows) all.push_back(row.row);
+    ctx.writeOut(printed(JSON::object({{"results", JSON(std::move(all))}})));
+  }
+
+  size_t failed = 0;
+  std::string details;
+  for (const auto& row : rows) {
+    if (!row.failed) continue;
+    ++failed;
+    if (!single && row.detail) {
+      const JSON* id = row.row.get("id");
+      const std::string* idText = id ? id->string() : nullptr;
+      details += "vorn " + label + " [" + (idText ? *idText : "?") + "]: " + *row.detail + "\n";
+    }
+  }
+  if (failed == 0) return;
+  if (!details.empty()) ctx.writeErr(details);
+  throw CliError{"vorn " + label + ": " + std::to_string(failed) + " target(s) failed"};
+}
+
+void Instances::readEach(const std::string& method, const std::string& path, const JSON* body,
+                         const Flags& flags, const std::string& label) const {
+  std::vector<InstanceInfo> targets;
+  if (hasSelector(flags)) {
+    targets = resolve(flags, false, true);
+  } else if (std::optional<InstanceInfo> mine = own()) {
+    targets = {*mine};
+  } else {
+    targets = scan(false).live;
+  }
+  if (targets.empty()) throw CliError{"vorn " + label + ": no running instances"};
+
+  if (targets.size() == 1 && !flags.json) {
+    Reply reply;
+    try {
+      reply = Transport::request(targets[0].socketPath, method, path, body);
+    } catch (const TransportError& e) {
+      throw CliError{e.description};
+    }
+    ctx.writeOut(printed(reply.body));
+    // The body printed above already says what went wrong.
+    if (!reply.ok()) throw CliError{"", 1};
+    return;
+  }
+
+  JSON::Array rows;
+  rows.reserve(targets.size());
+  for (const auto& target : targets) {
+    try {
+      Reply reply = Transport::request(target.socketPath, method, path, body);
+      rows.push_back(JSON::object(
+          {{"id", JSON(target.id)}, {"ok", JSON(reply.ok())}, {"body", std::move(reply.body)}}));
+    } catch (const TransportError& e) {
+      rows.push_back(JSON::object(
+          {{"id", JSON(target.id)}, {"ok", JSON(false)}, {"error", JSON(e.description)}}));
+    }
+  }
+  // Always a success: each row carries its own outcome.
+  ctx.writeOut(printed(JSON::object({{"results", JSON(std::move(rows))}})));
+}
+
+}  // namespace vorn
