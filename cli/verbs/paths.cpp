@@ -25,7 +25,8 @@ std::vector<std::string_view> components(std::string_view path) {
 
 std::string joinWithSlash(const std::vector<std::string_view>& parts, bool leadingSlash) {
   size_t size = leadingSlash ? 1 : 0;
-  for (auto part : parts) size += part.size() + 1;
+  for (auto part : parts)
+    size += part.size() + 1;
   std::string out;
   out.reserve(size);
   if (leadingSlash) out.push_back('/');
@@ -92,7 +93,8 @@ std::string relative(std::string_view base, std::string_view path) {
   auto from = components(base);
   auto to = components(path);
   size_t common = 0;
-  while (common < from.size() && common < to.size() && from[common] == to[common]) ++common;
+  while (common < from.size() && common < to.size() && from[common] == to[common])
+    ++common;
   std::vector<std::string_view> out(from.size() - common, "..");
   out.insert(out.end(), to.begin() + common, to.end());
   return joinWithSlash(out, false);
@@ -140,9 +142,13 @@ std::string real(const std::string& path) {
   return std::string(resolved.get());
 }
 
-bool isDirectory(const std::string& path) { return statMode(path, S_IFDIR); }
+bool isDirectory(const std::string& path) {
+  return statMode(path, S_IFDIR);
+}
 
-bool isRegularFile(const std::string& path) { return statMode(path, S_IFREG); }
+bool isRegularFile(const std::string& path) {
+  return statMode(path, S_IFREG);
+}
 
 }  // namespace Paths
 
@@ -167,7 +173,8 @@ std::optional<SplitPosition> splitPosition(std::string_view arg) {
 
   // The file part is everything before the numeric pieces, colons included.
   size_t fileEnd = 0;
-  for (size_t i = 0; i + numeric < pieces.size(); ++i) fileEnd += pieces[i].size() + 1;
+  for (size_t i = 0; i + numeric < pieces.size(); ++i)
+    fileEnd += pieces[i].size() + 1;
   if (fileEnd == 0) return std::nullopt;
   std::string_view file = arg.substr(0, fileEnd - 1);
   if (file.empty()) return std::nullopt;

@@ -285,8 +285,7 @@ TEST(SplitPosition, EmptyFilePartIsNothing) {
 }
 
 TEST(SplitPosition, OverflowIsNothing) {
-  EXPECT_EQ(splitPosition("f:9223372036854775807"),
-            (SplitPosition{"f", INT64_MAX, std::nullopt}));
+  EXPECT_EQ(splitPosition("f:9223372036854775807"), (SplitPosition{"f", INT64_MAX, std::nullopt}));
   EXPECT_EQ(splitPosition("f:9223372036854775808"), std::nullopt);
   EXPECT_EQ(splitPosition("f:1:99999999999999999999"), std::nullopt);
   EXPECT_EQ(splitPosition("f:99999999999999999999:1"), std::nullopt);

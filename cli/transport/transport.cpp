@@ -1,0 +1,323 @@
+#include "transport/transport.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <exception>
+#include <utility>
+
+namespace vorn {
+
+namespace {
+
+// The socket address holds at most this many path bytes plus a terminating zero
+// (the smallest sun_path among the platforms we run on is 104 bytes).
+constexpr size_t maxSocketPathBytes = 103;
+constexpr size_t readChunkBytes = 65536;
+constexpr size_t errorExcerptChars = 120;
+
+// A file descriptor that closes itself on every path out of a scope.
+class UniqueFd {
+ public:
+  explicit UniqueFd(int fd) : fd_(fd) {}
+  UniqueFd(const UniqueFd&) = delete;
+  UniqueFd& operator=(const UniqueFd&) = delete;
+  ~UniqueFd() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+std::string systemError(std::string_view prefix, int err) {
+  std::string out(prefix);
+  out += std::strerror(err);
+  return out;
+}
+
+// A socket whose writes never raise SIGPIPE and that does not leak into programs we exec.
+int openSocket() {
+#ifdef SOCK_CLOEXEC
+  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+#else
+  int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  if (fd >= 0) ::fcntl(fd, F_SETFD, FD_CLOEXEC);
+#endif
+  if (fd < 0) throw TransportError{systemError("socket: ", errno)};
+#ifdef SO_NOSIGPIPE
+  int on = 1;
+  ::setsockopt(fd, SOL_SOCKET, SO_NOSIGPIPE, &on, sizeof on);
+#endif
+  return fd;
+}
+
+void connectUnix(int fd, const std::string& sock) {
+  if (sock.size() > maxSocketPathBytes) {
+    throw TransportError{"socket path too long: " + sock};
+  }
+  sockaddr_un addr;
+  std::memset(&addr, 0, sizeof addr);
+  addr.sun_family = AF_UNIX;
+  std::memcpy(addr.sun_path, sock.data(), sock.size());
+  if (::connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0) return;
+  int err = errno;
+  if (err == EINTR) {
+    // An interrupted connect goes on in the background; wait for its result.
+    pollfd p{fd, POLLOUT, 0};
+    int ready;
+    do {
+      ready = ::poll(&p, 1, -1);
+    } while (ready < 0 && errno == EINTR);
+    socklen_t len = sizeof err;
+    if (ready < 0) {
+      err = errno;
+    } else if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0) {
+      err = errno;
+    }
+    if (err == 0) return;
+  }
+  throw TransportError{"connect " + sock + ": " + std::strerror(err)};
+}
+
+void writeAll(int fd, std::string_view bytes) {
+#ifdef MSG_NOSIGNAL
+  constexpr int flags = MSG_NOSIGNAL;
+#else
+  constexpr int flags = 0;
+#endif
+  size_t sent = 0;
+  while (sent < bytes.size()) {
+    ssize_t n = ::send(fd, bytes.data() + sent, bytes.size() - sent, flags);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      throw TransportError{systemError("write: ", errno)};
+    }
+    sent += static_cast<size_t>(n);
+  }
+}
+
+// Everything the peer sends until it closes, received 64 KiB at a time straight into the
+// result's spare room. The room doubles when it runs short, so a large reply costs one pass
+// and amortised growth whatever the sizes of the pieces it arrives in.
+std::string readAll(int fd) {
+  std::string out(readChunkBytes, '\0');
+  size_t used = 0;
+  while (true) {
+    if (out.size() - used < readChunkBytes)
+      out.resize(std::max(out.size() * 2, used + readChunkBytes));
+    ssize_t n = ::recv(fd, out.data() + used, readChunkBytes, 0);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      throw TransportError{systemError("read: ", errno)};
+    }
+    if (n == 0) break;
+    used += static_cast<size_t>(n);
+  }
+  out.resize(used);
+  return out;
+}
+
+size_t indexOf(std::string_view haystack, std::string_view needle, size_t from = 0) {
+  return haystack.find(needle, from);
+}
+
+bool isSpace(char c) {
+  return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\f' || c == '\v';
+}
+
+std::string_view trim(std::string_view s) {
+  while (!s.empty() && isSpace(s.front()))
+    s.remove_prefix(1);
+  while (!s.empty() && isSpace(s.back()))
+    s.remove_suffix(1);
+  return s;
+}
+
+std::string lowered(std::string_view s) {
+  std::string out(s);
+  for (char& c : out) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+  return out;
+}
+
+// A non-negative decimal integer made of ASCII digits only; nothing on overflow.
+std::optional<uint64_t> parseUnsigned(std::string_view s, int base) {
+  if (s.empty()) return std::nullopt;
+  uint64_t value = 0;
+  for (char c : s) {
+    int digit;
+    if (c >= '0' && c <= '9') {
+      digit = c - '0';
+    } else if (base == 16 && c >= 'a' && c <= 'f') {
+      digit = c - 'a' + 10;
+    } else if (base == 16 && c >= 'A' && c <= 'F') {
+      digit = c - 'A' + 10;
+    } else {
+      return std::nullopt;
+    }
+    if (value > (UINT64_MAX - static_cast<uint64_t>(digit)) / static_cast<uint64_t>(base)) {
+      return std::nullopt;
+    }
+    value = value * static_cast<uint64_t>(base) + static_cast<uint64_t>(digit);
+  }
+  return value;
+}
+
+// The first `limit` characters (Unicode scalars) of valid UTF-8 text.
+std::string_view firstCharacters(std::string_view text, size_t limit) {
+  size_t count = 0;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if ((static_cast<unsigned char>(text[i]) & 0xC0) != 0x80) {
+      if (count == limit) return text.substr(0, i);
+      ++count;
+    }
+  }
+  return text;
+}
+
+}  // namespace
+
+namespace Transport {
+
+std::string buildRequest(std::string_view method, std::string_view path, const JSON* body) {
+  std::string payload;
+  if (body != nullptr) payload = body->serialized(0);
+  std::string out;
+  out.reserve(method.size() + path.size() + payload.size() + 160);
+  out.append(method);
+  out.push_back(' ');
+  out.append(path);
+  out.append(" HTTP/1.1\r\nHost: unix\r\nConnection: close\r\nAccept: */*\r\n");
+  if (body != nullptr) out.append("Content-Type: application/json\r\n");
+  if (body != nullptr || method == "POST") {
+    out.append("Content-Length: ");
+    out.append(std::to_string(payload.size()));
+    out.append("\r\n");
+  }
+  out.append("\r\n");
+  out.append(payload);
+  return out;
+}
+
+std::string dechunk(std::string_view body) {
+  std::string out;
+  out.reserve(body.size());
+  size_t pos = 0;
+  while (pos < body.size()) {
+    size_t lineEnd = indexOf(body, "\r\n", pos);
+    // Data that stops without the final zero-size chunk is accepted as it stands.
+    if (lineEnd == std::string_view::npos) break;
+    std::string_view sizeText = body.substr(pos, lineEnd - pos);
+    size_t semicolon = sizeText.find(';');
+    if (semicolon != std::string_view::npos) sizeText = sizeText.substr(0, semicolon);
+    auto size = parseUnsigned(trim(sizeText), 16);
+    if (!size) throw TransportError{"malformed chunk size"};
+    if (*size == 0) break;
+    size_t dataStart = lineEnd + 2;
+    if (body.size() - dataStart < *size) throw TransportError{"truncated chunk"};
+    out.append(body.substr(dataStart, *size));
+    pos = dataStart + *size + 2;
+  }
+  return out;
+}
+
+Reply parseResponse(std::string_view bytes) {
+  size_t headerEnd = indexOf(bytes, "\r\n\r\n");
+  if (headerEnd == std::string_view::npos) throw TransportError{"malformed HTTP reply"};
+  std::string_view header = bytes.substr(0, headerEnd);
+  std::string_view body = bytes.substr(headerEnd + 4);
+
+  size_t lineEnd = indexOf(header, "\r\n");
+  std::string_view statusLine = header.substr(0, lineEnd);
+  std::string_view fields =
+      lineEnd == std::string_view::npos ? std::string_view() : header.substr(lineEnd + 2);
+
+  // The status is the second space-separated field; the version before it is not checked.
+  std::string_view rest = statusLine;
+  size_t space = rest.find(' ');
+  if (space == std::string_view::npos) throw TransportError{"malformed HTTP status line"};
+  rest = rest.substr(space + 1);
+  while (!rest.empty() && rest.front() == ' ')
+    rest.remove_prefix(1);
+  std::string_view code = rest.substr(0, rest.find(' '));
+  auto status = parseUnsigned(code, 10);
+  if (!status || *status > 999999999) throw TransportError{"malformed HTTP status line"};
+
+  std::string transferEncoding;
+  std::optional<std::string_view> contentLength;
+  while (!fields.empty()) {
+    size_t end = indexOf(fields, "\r\n");
+    std::string_view line = fields.substr(0, end);
+    fields = end == std::string_view::npos ? std::string_view() : fields.substr(end + 2);
+    size_t colon = line.find(':');
+    if (colon == std::string_view::npos) continue;
+    std::string name = lowered(trim(line.substr(0, colon)));
+    std::string_view value = trim(line.substr(colon + 1));
+    if (name == "transfer-encoding") {
+      transferEncoding = lowered(value);
+    } else if (name == "content-length") {
+      contentLength = value;
+    }
+  }
+
+  std::string decoded;
+  if (transferEncoding == "chunked") {
+    decoded = toValidUTF8(dechunk(body));
+  } else {
+    if (contentLength) {
+      // Extra bytes are ignored; fewer than announced are taken as they came.
+      auto length = parseUnsigned(*contentLength, 10);
+      if (length && *length < body.size()) body = body.substr(0, *length);
+    }
+    decoded = toValidUTF8(body);
+  }
+
+  Reply reply;
+  reply.status = static_cast<int>(*status);
+  try {
+    reply.body = JSON::parse(decoded);
+  } catch (const JSONParseError&) {
+    std::string message = "HTTP " + std::to_string(reply.status) + ": not JSON (";
+    message.append(firstCharacters(decoded, errorExcerptChars));
+    message.push_back(')');
+    reply.body = JSON::object({{"error", JSON(std::move(message))}});
+  }
+  return reply;
+}
+
+Reply request(const std::string& sock, std::string_view method, std::string_view path,
+              const JSON* body) {
+  std::string bytes;
+  {
+    UniqueFd fd(openSocket());
+    connectUnix(fd.get(), sock);
+    writeAll(fd.get(), buildRequest(method, path, body));
+    bytes = readAll(fd.get());
+  }
+  return parseResponse(bytes);
+}
+
+JSON getJSON(const std::string& sock, std::string_view path) {
+  try {
+    Reply reply = request(sock, "GET", path);
+    if (reply.ok()) return std::move(reply.body);
+    if (auto message = reply.body.error()) return JSON::object({{"error", JSON(*message)}});
+    return JSON::object({{"error", JSON("HTTP " + std::to_string(reply.status))}});
+  } catch (const TransportError& e) {
+    return JSON::object({{"error", JSON(e.description)}});
+  } catch (const std::exception& e) {
+    return JSON::object({{"error", JSON(std::string(e.what()))}});
+  }
+}
+
+}  // namespace Transport
+}  // namespace vorn
