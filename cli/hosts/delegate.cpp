@@ -29,7 +29,7 @@ Outcome delegate(const Context& ctx, const std::vector<std::string>& args,
                        "installed app ships only the product CLI",
                    1};
   }
-  std::vector<std::string> argv = {"bun", Paths::join({*root, checkoutCLIScript})};
+  std::vector<std::string> argv = {"bun", Paths::join({*root, Paths::checkoutScriptEntry})};
   argv.insert(argv.end(), args.begin(), args.end());
   return Outcome::exec(std::move(argv), root);
 }

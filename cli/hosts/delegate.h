@@ -10,9 +10,6 @@
 
 namespace vorn {
 
-// The checkout's script CLI, relative to its root.
-constexpr const char* checkoutCLIScript = "src/cli/vorn.ts";
-
 std::optional<std::string> checkoutRoot(const Context& ctx);
 // `vorn dev <words...>` becomes `bun <root>/src/cli/vorn.ts dev <words...>`; throws CliError.
 Outcome delegate(const Context& ctx, const std::vector<std::string>& args, const std::string& label);
