@@ -55,7 +55,7 @@ class JSON {
   const std::string* string() const;            // the text, or nullptr
   const Object* members() const;                // the pairs, or nullptr
 
-  // Mutable access for building values in place.
+  // Mutable access for building values in place; nullptr unless the value is of that case.
   Array* mutableArray();
   Object* mutableObject();
 
@@ -76,9 +76,17 @@ class JSON {
   friend bool operator==(const JSON& a, const JSON& b);
 
  private:
+  friend class JSONParser;  // builds values in place
   std::variant<std::nullptr_t, bool, double, std::string, Array, Object> v_;
 };
 
 bool operator==(const JSON& a, const JSON& b);
+
+// True when the bytes are well-formed UTF-8 (no surrogates, nothing above U+10FFFF).
+bool isValidUTF8(std::string_view bytes);
+
+// The bytes decoded as UTF-8, each invalid sequence (a maximal ill-formed subpart) replaced by
+// U+FFFD. Valid input comes back unchanged.
+std::string toValidUTF8(std::string_view bytes);
 
 }  // namespace vorn

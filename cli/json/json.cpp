@@ -1,0 +1,477 @@
+// The JSON value: accessors, equality, merging, serialization and number formatting.
+#include "json/json.h"
+
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+
+namespace vorn {
+
+namespace {
+
+constexpr uint64_t kOnes = 0x0101010101010101ull;
+constexpr uint64_t kHighs = 0x8080808080808080ull;
+
+// Nonzero when some byte of w is zero.
+inline uint64_t hasZeroByte(uint64_t w) { return (w - kOnes) & ~w & kHighs; }
+
+// Nonzero when some byte of w is below n (n <= 128).
+inline uint64_t hasByteBelow(uint64_t w, uint8_t n) { return (w - kOnes * n) & ~w & kHighs; }
+
+inline uint64_t load8(const char* p) {
+  uint64_t w;
+  std::memcpy(&w, p, 8);
+  return w;
+}
+
+// The length of the well-formed UTF-8 sequence at p (1 to 4), or 0 when it is ill-formed; then
+// *bad is the length of its maximal ill-formed subpart (at least 1), which one U+FFFD replaces.
+inline int utf8SequenceLength(const unsigned char* p, const unsigned char* end, int* bad) {
+  unsigned char b0 = p[0];
+  if (b0 < 0x80) return 1;
+  int need;
+  unsigned char lo = 0x80, hi = 0xBF;
+  if (b0 >= 0xC2 && b0 <= 0xDF) {
+    need = 1;
+  } else if (b0 == 0xE0) {
+    need = 2, lo = 0xA0;
+  } else if (b0 == 0xED) {
+    need = 2, hi = 0x9F;  // no UTF-16 surrogates
+  } else if (b0 >= 0xE1 && b0 <= 0xEF) {
+    need = 2;
+  } else if (b0 == 0xF0) {
+    need = 3, lo = 0x90;
+  } else if (b0 == 0xF4) {
+    need = 3, hi = 0x8F;  // nothing above U+10FFFF
+  } else if (b0 >= 0xF1 && b0 <= 0xF3) {
+    need = 3;
+  } else {
+    *bad = 1;
+    return 0;
+  }
+  for (int i = 1; i <= need; ++i) {
+    if (p + i >= end) {
+      *bad = i;
+      return 0;
+    }
+    unsigned char c = p[i];
+    bool ok = i == 1 ? (c >= lo && c <= hi) : (c >= 0x80 && c <= 0xBF);
+    if (!ok) {
+      *bad = i;
+      return 0;
+    }
+  }
+  return need + 1;
+}
+
+constexpr char kReplacement[] = "\xEF\xBF\xBD";
+
+// 1 where a byte must be escaped inside a string literal.
+struct EscapeTable {
+  bool needs[256] = {};
+  constexpr EscapeTable() {
+    for (int c = 0; c < 0x20; ++c) needs[c] = true;
+    needs['"'] = needs['\\'] = true;
+  }
+};
+constexpr EscapeTable kEscape;
+
+void appendEscaped(std::string& out, unsigned char c) {
+  switch (c) {
+    case '"':
+      out.append("\\\"", 2);
+      return;
+    case '\\':
+      out.append("\\\\", 2);
+      return;
+    case 0x08:
+      out.append("\\b", 2);
+      return;
+    case 0x09:
+      out.append("\\t", 2);
+      return;
+    case 0x0A:
+      out.append("\\n", 2);
+      return;
+    case 0x0C:
+      out.append("\\f", 2);
+      return;
+    case 0x0D:
+      out.append("\\r", 2);
+      return;
+    default: {
+      static constexpr char kHex[] = "0123456789abcdef";
+      char buf[6] = {'\\', 'u', '0', '0', kHex[c >> 4], kHex[c & 15]};
+      out.append(buf, 6);
+    }
+  }
+}
+
+void appendInt(std::string& out, int64_t i) {
+  char buf[24];
+  auto r = std::to_chars(buf, buf + sizeof buf, i);
+  out.append(buf, r.ptr - buf);
+}
+
+// The shortest digits that read back to v, laid out in plain or exponent notation.
+void appendShortest(std::string& out, double v) {
+  char buf[40];
+  auto r = std::to_chars(buf, buf + sizeof buf, v, std::chars_format::scientific);
+  // r is "[-]d[.ddd]e(+|-)xx"
+  const char* p = buf;
+  bool negative = *p == '-';
+  if (negative) ++p;
+  char digits[24];
+  int n = 0;
+  for (; p < r.ptr && *p != 'e'; ++p) {
+    if (*p != '.') digits[n++] = *p;
+  }
+  int exponent = 0;
+  std::from_chars(p + 1 + (p[1] == '+'), r.ptr, exponent);
+
+  if (negative) out.push_back('-');
+  double a = std::fabs(v);
+  if (a >= 1e-4 && a < 9007199254740992.0) {
+    if (exponent < 0) {
+      out.append("0.", 2);
+      out.append(static_cast<size_t>(-exponent - 1), '0');
+      out.append(digits, n);
+    } else {
+      int whole = exponent + 1;
+      if (n <= whole) {
+        out.append(digits, n);
+        out.append(static_cast<size_t>(whole - n), '0');
+      } else {
+        out.append(digits, whole);
+        out.push_back('.');
+        out.append(digits + whole, n - whole);
+      }
+    }
+    return;
+  }
+  out.push_back(digits[0]);
+  if (n > 1) {
+    out.push_back('.');
+    out.append(digits + 1, n - 1);
+  }
+  out.push_back('e');
+  out.push_back(exponent < 0 ? '-' : '+');
+  int e = exponent < 0 ? -exponent : exponent;
+  if (e < 10) out.push_back('0');
+  char ebuf[8];
+  auto er = std::to_chars(ebuf, ebuf + sizeof ebuf, e);
+  out.append(ebuf, er.ptr - ebuf);
+}
+
+inline void pad(std::string& out, int indent, int depth) {
+  if (indent <= 0) return;
+  out.push_back('\n');
+  out.append(static_cast<size_t>(indent) * static_cast<size_t>(depth), ' ');
+}
+
+}  // namespace
+
+JSON::Kind JSON::kind() const {
+  switch (v_.index()) {
+    case 1:
+      return Kind::boolean;
+    case 2:
+      return Kind::number;
+    case 3:
+      return Kind::string;
+    case 4:
+      return Kind::array;
+    case 5:
+      return Kind::object;
+    default:
+      return Kind::null;
+  }
+}
+
+const JSON* JSON::get(std::string_view key) const {
+  const Object* o = std::get_if<Object>(&v_);
+  if (!o) return nullptr;
+  for (auto it = o->rbegin(); it != o->rend(); ++it) {
+    if (it->first == key) return &it->second;
+  }
+  return nullptr;
+}
+
+const JSON::Array& JSON::list() const {
+  static const Array kEmpty;
+  const Array* a = std::get_if<Array>(&v_);
+  return a ? *a : kEmpty;
+}
+
+bool JSON::isTrue() const {
+  const bool* b = std::get_if<bool>(&v_);
+  return b && *b;
+}
+
+std::optional<std::string> JSON::error() const {
+  const JSON* e = get("error");
+  if (!e) return std::nullopt;
+  const std::string* s = e->string();
+  if (!s) return std::nullopt;
+  return *s;
+}
+
+std::optional<double> JSON::number() const {
+  const double* d = std::get_if<double>(&v_);
+  if (!d) return std::nullopt;
+  return *d;
+}
+
+std::optional<int64_t> JSON::integer() const {
+  const double* d = std::get_if<double>(&v_);
+  if (!d || !(std::fabs(*d) < 9e15) || std::trunc(*d) != *d) return std::nullopt;
+  return static_cast<int64_t>(*d);
+}
+
+const std::string* JSON::string() const { return std::get_if<std::string>(&v_); }
+
+const JSON::Object* JSON::members() const { return std::get_if<Object>(&v_); }
+
+JSON::Array* JSON::mutableArray() { return std::get_if<Array>(&v_); }
+
+JSON::Object* JSON::mutableObject() { return std::get_if<Object>(&v_); }
+
+// Without prepend the given values win and replace the first pair of their key in place; with
+// prepend the given keys move to the front and an existing value wins (the given value is only a
+// default). The two lookups differ on purpose: callers rely on both behaviours.
+JSON JSON::merging(const Object& pairs, bool prepend) const {
+  const Object* own = members();
+  if (!own) return *this;
+  if (!prepend) {
+    Object out = *own;
+    for (const auto& [key, value] : pairs) {
+      bool found = false;
+      for (auto& member : out) {
+        if (member.first == key) {
+          member.second = value;
+          found = true;
+          break;
+        }
+      }
+      if (!found) out.emplace_back(key, value);
+    }
+    return JSON(std::move(out));
+  }
+  Object out;
+  out.reserve(pairs.size() + own->size());
+  for (const auto& [key, value] : pairs) {
+    const JSON* existing = get(key);
+    out.emplace_back(key, existing ? *existing : value);
+  }
+  for (const auto& member : *own) {
+    bool given = false;
+    for (const auto& pair : pairs) {
+      if (pair.first == member.first) {
+        given = true;
+        break;
+      }
+    }
+    if (!given) out.push_back(member);
+  }
+  return JSON(std::move(out));
+}
+
+std::string JSON::serialized(int indent) const {
+  std::string out;
+  write(out, indent, 0);
+  return out;
+}
+
+void JSON::write(std::string& out, int indent, int depth) const {
+  switch (v_.index()) {
+    case 0:
+      out.append("null", 4);
+      return;
+    case 1:
+      if (std::get<bool>(v_)) {
+        out.append("true", 4);
+      } else {
+        out.append("false", 5);
+      }
+      return;
+    case 2:
+      appendNumber(out, std::get<double>(v_));
+      return;
+    case 3:
+      appendQuoted(out, std::get<std::string>(v_));
+      return;
+    case 4: {
+      const Array& a = std::get<Array>(v_);
+      if (a.empty()) {
+        out.append("[]", 2);
+        return;
+      }
+      out.push_back('[');
+      bool first = true;
+      for (const JSON& element : a) {
+        if (!first) out.push_back(',');
+        first = false;
+        pad(out, indent, depth + 1);
+        element.write(out, indent, depth + 1);
+      }
+      pad(out, indent, depth);
+      out.push_back(']');
+      return;
+    }
+    case 5: {
+      const Object& o = std::get<Object>(v_);
+      if (o.empty()) {
+        out.append("{}", 2);
+        return;
+      }
+      out.push_back('{');
+      bool first = true;
+      for (const auto& [key, value] : o) {
+        if (!first) out.push_back(',');
+        first = false;
+        pad(out, indent, depth + 1);
+        appendQuoted(out, key);
+        if (indent > 0) {
+          out.append(": ", 2);
+        } else {
+          out.push_back(':');
+        }
+        value.write(out, indent, depth + 1);
+      }
+      pad(out, indent, depth);
+      out.push_back('}');
+      return;
+    }
+  }
+}
+
+std::string JSON::quote(std::string_view s) {
+  std::string out;
+  out.reserve(s.size() + 2);
+  appendQuoted(out, s);
+  return out;
+}
+
+// Copies runs of plain bytes in one append. Ill-formed UTF-8 (possible only in strings built by
+// the program itself, e.g. from file names) comes out as U+FFFD so the text is always valid.
+void JSON::appendQuoted(std::string& out, std::string_view s) {
+  const char* p = s.data();
+  const char* end = p + s.size();
+  out.push_back('"');
+  const char* run = p;
+  while (p < end) {
+    if (end - p >= 8) {
+      uint64_t w = load8(p);
+      if (!((hasByteBelow(w, 0x20) | hasZeroByte(w ^ (kOnes * '"')) |
+             hasZeroByte(w ^ (kOnes * '\\')) | w) &
+            kHighs)) {
+        p += 8;
+        continue;
+      }
+    }
+    auto c = static_cast<unsigned char>(*p);
+    if (c < 0x80) {
+      if (kEscape.needs[c]) {
+        out.append(run, p - run);
+        appendEscaped(out, c);
+        run = p + 1;
+      }
+      ++p;
+      continue;
+    }
+    int bad = 0;
+    int len = utf8SequenceLength(reinterpret_cast<const unsigned char*>(p),
+                                 reinterpret_cast<const unsigned char*>(end), &bad);
+    if (len) {
+      p += len;
+      continue;
+    }
+    out.append(run, p - run);
+    out.append(kReplacement, 3);
+    p += bad;
+    run = p;
+  }
+  out.append(run, p - run);
+  out.push_back('"');
+}
+
+std::string JSON::formatNumber(double v) {
+  std::string out;
+  appendNumber(out, v);
+  return out;
+}
+
+void JSON::appendNumber(std::string& out, double v) {
+  if (!std::isfinite(v)) {
+    out.append("null", 4);
+    return;
+  }
+  double a = std::fabs(v);
+  if (a < 9.2e18) {
+    auto i = static_cast<int64_t>(v);
+    if (static_cast<double>(i) == v) {
+      appendInt(out, i);
+      return;
+    }
+  } else if (a < 1e21) {
+    // Every double this large is integral; print all of its digits.
+    char buf[32];
+    int n = std::snprintf(buf, sizeof buf, "%.0f", v);
+    out.append(buf, n);
+    return;
+  }
+  appendShortest(out, v);
+}
+
+bool operator==(const JSON& a, const JSON& b) { return a.v_ == b.v_; }
+
+bool isValidUTF8(std::string_view bytes) {
+  auto p = reinterpret_cast<const unsigned char*>(bytes.data());
+  auto end = p + bytes.size();
+  while (p < end) {
+    if (end - p >= 8 && !(load8(reinterpret_cast<const char*>(p)) & kHighs)) {
+      p += 8;
+      continue;
+    }
+    if (*p < 0x80) {
+      ++p;
+      continue;
+    }
+    int bad = 0;
+    int len = utf8SequenceLength(p, end, &bad);
+    if (!len) return false;
+    p += len;
+  }
+  return true;
+}
+
+std::string toValidUTF8(std::string_view bytes) {
+  if (isValidUTF8(bytes)) return std::string(bytes);
+  std::string out;
+  out.reserve(bytes.size() + 8);
+  auto begin = reinterpret_cast<const unsigned char*>(bytes.data());
+  auto p = begin;
+  auto end = begin + bytes.size();
+  auto run = p;
+  while (p < end) {
+    if (*p < 0x80) {
+      ++p;
+      continue;
+    }
+    int bad = 0;
+    int len = utf8SequenceLength(p, end, &bad);
+    if (len) {
+      p += len;
+      continue;
+    }
+    out.append(reinterpret_cast<const char*>(run), p - run);
+    out.append(kReplacement, 3);
+    p += bad;
+    run = p;
+  }
+  out.append(reinterpret_cast<const char*>(run), p - run);
+  return out;
+}
+
+}  // namespace vorn

@@ -1,0 +1,506 @@
+// JSON::parse: structure, strings, numbers, nesting, error messages and offsets, and the public
+// parsing corpus.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <random>
+#include <regex>
+#include <set>
+#include <sstream>
+
+#include "json/json.h"
+
+namespace vorn {
+namespace {
+
+// The message of the parse failure, or "" when the text parses.
+std::string parseError(std::string_view text) {
+  try {
+    JSON::parse(text);
+  } catch (const JSONParseError& e) {
+    return e.message;
+  }
+  return "";
+}
+
+std::string compact(std::string_view text) { return JSON::parse(text).serialized(0); }
+
+const std::string kFFFD = "\xEF\xBF\xBD";
+
+std::string str(std::string_view text) {
+  JSON v = JSON::parse(text);
+  EXPECT_NE(v.string(), nullptr) << text;
+  return v.string() ? *v.string() : std::string();
+}
+
+TEST(JSONParse, EmptyAndBlankInput) {
+  EXPECT_EQ(parseError(""), "unexpected end at offset 0");
+  EXPECT_EQ(parseError("   "), "unexpected end at offset 3");
+  EXPECT_EQ(parseError(" \t\r\n"), "unexpected end at offset 4");
+}
+
+TEST(JSONParse, ObjectWithSpacesEverywhere) {
+  JSON v = JSON::parse(" {\"a\" : [1, 2.5e3, true, null]} ");
+  ASSERT_NE(v.members(), nullptr);
+  ASSERT_EQ(v.members()->size(), 1u);
+  EXPECT_EQ(v.serialized(0), "{\"a\":[1,2500,true,null]}");
+  EXPECT_EQ(JSON::parse("\t\r\n[ 1 ,\n2 ]\r\n"), JSON::array({1, 2}));
+}
+
+TEST(JSONParse, DuplicateKeysAreKept) {
+  JSON v = JSON::parse("{\"a\":1,\"a\":2}");
+  ASSERT_NE(v.members(), nullptr);
+  EXPECT_EQ(v.members()->size(), 2u);
+  EXPECT_EQ(*v.get("a"), JSON(2));
+  EXPECT_EQ(v.serialized(0), "{\"a\":1,\"a\":2}");
+}
+
+TEST(JSONParse, ScalarsAtTopLevel) {
+  EXPECT_EQ(JSON::parse("true"), JSON(true));
+  EXPECT_EQ(JSON::parse("false"), JSON(false));
+  EXPECT_TRUE(JSON::parse("null").isNull());
+  EXPECT_EQ(JSON::parse("12"), JSON(12));
+  EXPECT_EQ(JSON::parse("\"s\""), JSON("s"));
+  EXPECT_EQ(JSON::parse("[]"), JSON::array());
+  EXPECT_EQ(JSON::parse("{}"), JSON::object());
+  EXPECT_EQ(JSON::parse("[ ]"), JSON::array());
+  EXPECT_EQ(JSON::parse("{ }"), JSON::object());
+}
+
+TEST(JSONParse, ArrayErrors) {
+  EXPECT_EQ(parseError("[1 2]"), "expected , or ] at offset 3");
+  EXPECT_EQ(parseError("[1,"), "unexpected end at offset 3");
+  EXPECT_EQ(parseError("[1"), "unterminated array at offset 2");
+  EXPECT_EQ(parseError("[1 "), "unterminated array at offset 3");
+  EXPECT_EQ(parseError("["), "unexpected end at offset 1");
+  EXPECT_EQ(parseError("[1,]"), "bad number at offset 3");
+  EXPECT_EQ(parseError("[,1]"), "bad number at offset 1");
+  EXPECT_EQ(parseError("[1}"), "expected , or ] at offset 2");
+  EXPECT_EQ(parseError("[1:2]"), "expected , or ] at offset 2");
+}
+
+TEST(JSONParse, ObjectErrors) {
+  EXPECT_EQ(parseError("{\"a\" 1}"), "expected : at offset 5");
+  EXPECT_EQ(parseError("{1:2}"), "expected a key at offset 1");
+  EXPECT_EQ(parseError("{\"a\":1,}"), "expected a key at offset 7");
+  EXPECT_EQ(parseError("{"), "unterminated object at offset 1");
+  EXPECT_EQ(parseError("{ "), "unterminated object at offset 2");
+  EXPECT_EQ(parseError("{\"a\":1,"), "unterminated object at offset 7");
+  EXPECT_EQ(parseError("{\"a\":1"), "unterminated object at offset 6");
+  EXPECT_EQ(parseError("{\"a\""), "expected : at offset 4");
+  EXPECT_EQ(parseError("{\"a\":"), "unexpected end at offset 5");
+  EXPECT_EQ(parseError("{\"a\":1]"), "expected , or } at offset 6");
+  EXPECT_EQ(parseError("{\"a\":1 \"b\":2}"), "expected , or } at offset 7");
+  EXPECT_EQ(parseError("{\"a"), "unterminated string at offset 3");
+  EXPECT_EQ(parseError("{'a':1}"), "expected a key at offset 1");
+}
+
+TEST(JSONParse, Literals) {
+  EXPECT_EQ(parseError("nul"), "bad literal at offset 0");
+  EXPECT_EQ(parseError("tru"), "bad literal at offset 0");
+  EXPECT_EQ(parseError("[fals]"), "bad literal at offset 1");
+  EXPECT_EQ(parseError("True"), "bad number at offset 0");
+  EXPECT_EQ(parseError("true false"), "unexpected trailing data at offset 5");
+  EXPECT_EQ(parseError("trueX"), "unexpected trailing data at offset 4");
+  EXPECT_EQ(parseError("[trueX]"), "expected , or ] at offset 5");
+  EXPECT_EQ(parseError("nullnull"), "unexpected trailing data at offset 4");
+}
+
+TEST(JSONParse, TrailingData) {
+  EXPECT_EQ(parseError("{} x"), "unexpected trailing data at offset 3");
+  EXPECT_EQ(parseError("[]]"), "unexpected trailing data at offset 2");
+  EXPECT_EQ(parseError("1 2"), "unexpected trailing data at offset 2");
+  EXPECT_EQ(parseError(std::string_view("1\0", 2)), "unexpected trailing data at offset 1");
+  EXPECT_EQ(parseError("\"a\"\x0c"), "unexpected trailing data at offset 3");
+}
+
+TEST(JSONParse, Escapes) {
+  EXPECT_EQ(str("\"\\ud83d\\ude00\""), "\xF0\x9F\x98\x80");
+  EXPECT_EQ(str("\"\\ud83d\""), kFFFD);
+  EXPECT_EQ(str("\"\\u00e9\""), "\xC3\xA9");
+  EXPECT_EQ(str("\"\\u00E9\""), "\xC3\xA9");
+  EXPECT_EQ(str("\"\\x\""), "x");
+  EXPECT_EQ(str("\"\\q\\/\\\\\\\"\""), "q/\\\"");
+  EXPECT_EQ(str("\"\\b\\f\\n\\r\\t\""), "\b\f\n\r\t");
+  EXPECT_EQ(str("\"\\u0000\""), std::string(1, '\0'));
+  EXPECT_EQ(str("\"\\u0041\\u20ac\""), "A\xE2\x82\xAC");
+  EXPECT_EQ(str("\"\\uffff\""), "\xEF\xBF\xBF");
+  EXPECT_EQ(str("\"\\udbff\\udfff\""), "\xF4\x8F\xBF\xBF");
+  EXPECT_EQ(parseError("\"\\u12\""), "bad \\u escape at offset 3");
+  EXPECT_EQ(parseError("\"\\u12x4\""), "bad \\u escape at offset 5");
+  EXPECT_EQ(parseError("\"\\u"), "bad \\u escape at offset 3");
+  EXPECT_EQ(parseError("\"\\ud83d\\u12\""), "bad \\u escape at offset 9");
+  EXPECT_EQ(parseError("\"\\"), "unterminated string at offset 2");
+  EXPECT_EQ(parseError("\"abc"), "unterminated string at offset 4");
+  EXPECT_EQ(parseError("\"abc\\\""), "unterminated string at offset 6");
+}
+
+TEST(JSONParse, LoneAndMismatchedSurrogates) {
+  EXPECT_EQ(str("\"\\ude00\""), kFFFD);                   // lone low
+  EXPECT_EQ(str("\"\\ud83dx\""), kFFFD + "x");            // high, then a plain byte
+  EXPECT_EQ(str("\"\\ud83d\\n\""), kFFFD + "\n");         // high, then another escape
+  EXPECT_EQ(str("\"\\ude00\\ud83d\""), kFFFD + kFFFD);    // reversed pair
+  EXPECT_EQ(str("\"\\ud800\\ud800\""), kFFFD + kFFFD);    // two highs
+  EXPECT_EQ(str("\"\\ud800\\u0041\""), kFFFD + "A");      // high, then a plain \u
+  // A high surrogate followed by a full pair: the first is lone, the pair still joins.
+  EXPECT_EQ(str("\"\\ud800\\ud83d\\ude00\""), kFFFD + "\xF0\x9F\x98\x80");
+}
+
+TEST(JSONParse, RawBytesInStrings) {
+  EXPECT_EQ(str("\"a\tb\nc\x01\""), "a\tb\nc\x01");
+  EXPECT_EQ(str(std::string_view("\"\0\"", 3)), std::string(1, '\0'));
+  EXPECT_EQ(str("\"\xC3\xA9\""), "\xC3\xA9");
+  EXPECT_EQ(str("\"\xFF\""), kFFFD);
+  EXPECT_EQ(str("\"a\xFF\xFE"
+                "b\""),
+            "a" + kFFFD + kFFFD + "b");
+  EXPECT_EQ(str("\"\xE2\x82\""), kFFFD);
+  EXPECT_EQ(str("\"\xED\xA0\x80\""), kFFFD + kFFFD + kFFFD);
+  EXPECT_EQ(str("\"\xC0\xAF\""), kFFFD + kFFFD);
+  // An escaped byte counts as itself when the whole string is decoded.
+  EXPECT_EQ(str("\"\xC3\\\xA9\""), "\xC3\xA9");
+  EXPECT_EQ(str("\"\\\xF0\x9F\x8C\x80\""), "\xF0\x9F\x8C\x80");
+  // Long strings go through the run-copying path.
+  std::string longText(1000, 'x');
+  longText[500] = '\xFF';
+  EXPECT_EQ(str("\"" + longText + "\""), std::string(500, 'x') + kFFFD + std::string(499, 'x'));
+}
+
+TEST(JSONParse, KeysAreDecodedLikeStrings) {
+  JSON v = JSON::parse("{\"\\u0061\\n\":1,\"\xFF\":2}");
+  ASSERT_NE(v.members(), nullptr);
+  EXPECT_EQ(v.members()->at(0).first, "a\n");
+  EXPECT_EQ(v.members()->at(1).first, kFFFD);
+}
+
+TEST(JSONParse, Numbers) {
+  EXPECT_EQ(parseError("-"), "bad number at offset 1");
+  EXPECT_EQ(JSON::parse("+5"), JSON(5));
+  EXPECT_EQ(parseError("+"), "bad number at offset 1");
+  EXPECT_EQ(parseError("+-1"), "bad number at offset 3");
+  EXPECT_EQ(parseError("++1"), "bad number at offset 3");
+  EXPECT_EQ(parseError("-+1"), "bad number at offset 3");
+  EXPECT_EQ(parseError("1-2"), "bad number at offset 3");
+  EXPECT_EQ(parseError("--1"), "bad number at offset 3");
+  EXPECT_EQ(parseError("1e"), "bad number at offset 2");
+  EXPECT_EQ(parseError("1e+"), "bad number at offset 3");
+  EXPECT_EQ(parseError("e5"), "bad number at offset 2");
+  EXPECT_EQ(parseError("."), "bad number at offset 1");
+  EXPECT_EQ(parseError("1.2.3"), "bad number at offset 5");
+  EXPECT_EQ(parseError("[1.2.3]"), "bad number at offset 6");
+  EXPECT_EQ(parseError("x"), "bad number at offset 0");
+  EXPECT_EQ(parseError("]"), "bad number at offset 0");
+  EXPECT_EQ(parseError("[0x10]"), "expected , or ] at offset 2");
+  EXPECT_EQ(parseError("Infinity"), "bad number at offset 0");
+  EXPECT_EQ(parseError("-Infinity"), "bad number at offset 1");
+  EXPECT_EQ(parseError("NaN"), "bad number at offset 0");
+  EXPECT_EQ(JSON::parse(".5"), JSON(0.5));
+  EXPECT_EQ(JSON::parse("01"), JSON(1));
+  EXPECT_EQ(JSON::parse("1."), JSON(1));
+  EXPECT_EQ(JSON::parse("-.5"), JSON(-0.5));
+  EXPECT_EQ(JSON::parse("+.5e1"), JSON(5));
+  EXPECT_EQ(JSON::parse("1E+2"), JSON(100));
+  EXPECT_EQ(JSON::parse("1e-2"), JSON(0.01));
+  EXPECT_EQ(JSON::parse("2.5e3"), JSON(2500));
+  EXPECT_EQ(JSON::parse("-12"), JSON(-12));
+  EXPECT_EQ(JSON::parse("0"), JSON(0));
+  EXPECT_EQ(JSON::parse("123456789012345678"), JSON(123456789012345678.0));
+  EXPECT_EQ(JSON::parse("12345678901234567890"), JSON(12345678901234567890.0));
+  EXPECT_EQ(JSON::parse("0.1"), JSON(0.1));
+  double negativeZero = *JSON::parse("-0").number();
+  EXPECT_EQ(negativeZero, 0.0);
+  EXPECT_TRUE(std::signbit(negativeZero));
+}
+
+TEST(JSONParse, NumbersBeyondTheDoubleRange) {
+  EXPECT_EQ(JSON::parse("1e400").number(), std::numeric_limits<double>::infinity());
+  EXPECT_EQ(JSON::parse("-1e400").number(), -std::numeric_limits<double>::infinity());
+  EXPECT_EQ(JSON::parse("+1e400").number(), std::numeric_limits<double>::infinity());
+  EXPECT_EQ(JSON::parse("180.0e306").number(), std::numeric_limits<double>::infinity());
+  EXPECT_EQ(JSON::parse("0.001e-322").number(), 0.0);
+  EXPECT_EQ(JSON::parse("1e-400").number(), 0.0);
+  EXPECT_TRUE(std::signbit(*JSON::parse("-1e-400").number()));
+  EXPECT_EQ(JSON::parse("5e-324").number(), 5e-324);
+  EXPECT_EQ(JSON::parse("1e400").serialized(0), "null");
+  EXPECT_EQ(JSON::parse("1e99999999999999999999").number(),
+            std::numeric_limits<double>::infinity());
+  EXPECT_EQ(JSON::parse("1e-99999999999999999999").number(), 0.0);
+}
+
+TEST(JSONParse, IntegerFastPathAgreesWithGeneralConversion) {
+  std::mt19937_64 rng(99);
+  for (int i = 0; i < 20000; ++i) {
+    int digits = static_cast<int>(rng() % 18) + 1;
+    std::string text;
+    if (rng() & 1) text += '-';
+    for (int k = 0; k < digits; ++k) text += static_cast<char>('0' + rng() % 10);
+    double expected = std::strtod(text.c_str(), nullptr);
+    std::optional<double> got = JSON::parse(text).number();
+    ASSERT_TRUE(got.has_value());
+    ASSERT_EQ(*got, expected) << text;
+    ASSERT_EQ(std::signbit(*got), std::signbit(expected)) << text;
+  }
+}
+
+std::string nested(int depth, std::string_view inner) {
+  return std::string(depth, '[') + std::string(inner) + std::string(depth, ']');
+}
+
+TEST(JSONParse, NestingLimit) {
+  EXPECT_NO_THROW(JSON::parse(nested(511, "1")));
+  EXPECT_EQ(parseError(nested(512, "1")), "nesting too deep at offset 512");
+  EXPECT_NO_THROW(JSON::parse(nested(512, "")));
+  EXPECT_EQ(parseError(nested(513, "")), "nesting too deep at offset 512");
+
+  std::string objects;
+  for (int i = 0; i < 511; ++i) objects += "{\"a\":";
+  EXPECT_NO_THROW(JSON::parse(objects + "1" + std::string(511, '}')));
+  EXPECT_EQ(parseError(objects + "{\"a\":1}" + std::string(511, '}')),
+            "nesting too deep at offset " + std::to_string(511 * 5 + 5));
+}
+
+TEST(JSONParse, HostileNestingFailsCleanly) {
+  EXPECT_EQ(parseError(std::string(100000, '[')), "nesting too deep at offset 512");
+  EXPECT_EQ(parseError(nested(100000, "")), "nesting too deep at offset 512");
+  std::string mixed;
+  for (int i = 0; i < 50000; ++i) mixed += "[{\"\":";
+  EXPECT_EQ(parseError(mixed), "nesting too deep at offset " + std::to_string(256 * 5));
+}
+
+TEST(JSONParse, DeepValueSerializesAndCompares) {
+  JSON v = JSON::parse(nested(511, "\"x\""));
+  EXPECT_EQ(v.serialized(0), nested(511, "\"x\""));
+  EXPECT_EQ(JSON::parse(v.serialized(2)), v);
+}
+
+TEST(JSONParse, ErrorIsEquatableByMessage) {
+  try {
+    JSON::parse("[");
+    FAIL() << "no error";
+  } catch (const JSONParseError& e) {
+    EXPECT_EQ(e, JSONParseError{"unexpected end at offset 1"});
+    EXPECT_NE(e, JSONParseError{"unexpected end at offset 2"});
+  }
+}
+
+TEST(JSONParse, RoundTripThroughBothIndents) {
+  std::string text =
+      "{\"name\":\"vorn \\\"q\\\" \\u001f\xC3\xA9\",\"list\":[1,-2.5,1e-07,1e+300,true,false,"
+      "null,[],{},[[]],{\"x\":{}}],\"dup\":1,\"dup\":2,\"\":\"\"}";
+  JSON v = JSON::parse(text);
+  EXPECT_EQ(v.serialized(0), text);
+  EXPECT_EQ(JSON::parse(v.serialized(2)), v);
+  EXPECT_EQ(JSON::parse(v.serialized(4)).serialized(0), text);
+}
+
+// --- the public corpus ---
+
+std::filesystem::path corpus() { return std::filesystem::path(VORN_TESTDATA) / "json-test-suite"; }
+
+std::string readFile(const std::filesystem::path& p) {
+  std::ifstream f(p, std::ios::binary);
+  std::stringstream ss;
+  ss << f.rdbuf();
+  return ss.str();
+}
+
+std::vector<std::filesystem::path> corpusFiles(const std::string& prefix) {
+  std::vector<std::filesystem::path> files;
+  for (const auto& entry : std::filesystem::directory_iterator(corpus() / "test_parsing")) {
+    if (entry.path().filename().string().rfind(prefix, 0) == 0) files.push_back(entry.path());
+  }
+  std::sort(files.begin(), files.end());
+  return files;
+}
+
+TEST(JSONCorpus, EveryValidFileParsesAndRoundTrips) {
+  auto files = corpusFiles("y_");
+  ASSERT_GT(files.size(), 90u);
+  for (const auto& file : files) {
+    std::string text = readFile(file);
+    std::string error = parseError(text);
+    EXPECT_EQ(error, "") << file.filename();
+    if (!error.empty()) continue;
+    JSON v = JSON::parse(text);
+    EXPECT_EQ(JSON::parse(v.serialized(0)), v) << file.filename();
+    EXPECT_EQ(JSON::parse(v.serialized(2)), v) << file.filename();
+  }
+}
+
+// The invalid files that the parser accepts on purpose, each with the lenient rule that accepts it.
+const std::map<std::string, std::string> kAcceptedInvalid = {
+    {"n_number_+1.json", "a leading + is accepted"},
+    {"n_number_-01.json", "leading zeros are accepted"},
+    {"n_number_-2..json", "a number may end with a decimal point"},
+    {"n_number_.2e-3.json", "a number may start with a decimal point"},
+    {"n_number_0.e1.json", "a decimal point needs no digits after it"},
+    {"n_number_2.e+3.json", "a decimal point needs no digits after it"},
+    {"n_number_2.e-3.json", "a decimal point needs no digits after it"},
+    {"n_number_2.e3.json", "a decimal point needs no digits after it"},
+    {"n_number_neg_int_starting_with_zero.json", "leading zeros are accepted"},
+    {"n_number_neg_real_without_int_part.json", "a number may start with a decimal point"},
+    {"n_number_real_without_fractional_part.json", "a number may end with a decimal point"},
+    {"n_number_starting_with_dot.json", "a number may start with a decimal point"},
+    {"n_number_with_leading_zero.json", "leading zeros are accepted"},
+    {"n_string_backslash_00.json", "an unknown escape stands for the escaped byte"},
+    {"n_string_escape_x.json", "an unknown escape stands for the escaped byte"},
+    {"n_string_escaped_ctrl_char_tab.json", "an unknown escape stands for the escaped byte"},
+    {"n_string_escaped_emoji.json", "an unknown escape stands for the escaped byte"},
+    {"n_string_incomplete_surrogate_escape_invalid.json",
+     "lone surrogates become U+FFFD; an unknown escape stands for the escaped byte"},
+    {"n_string_invalid_backslash_esc.json", "an unknown escape stands for the escaped byte"},
+    {"n_string_invalid_utf8_after_escape.json",
+     "an unknown escape stands for the escaped byte; invalid UTF-8 becomes U+FFFD"},
+    {"n_string_unescaped_ctrl_char.json", "raw control bytes are accepted in strings"},
+    {"n_string_unescaped_newline.json", "raw control bytes are accepted in strings"},
+    {"n_string_unescaped_tab.json", "raw control bytes are accepted in strings"},
+    {"n_string_unicode_CapitalU.json", "an unknown escape stands for the escaped byte"},
+};
+
+const std::regex kErrorPattern(
+    "(unexpected trailing data|nesting too deep|unexpected end|unterminated string|"
+    "unterminated array|unterminated object|expected , or \\]|expected , or \\}|expected a key|"
+    "expected :|bad literal|bad number|bad \\\\u escape) at offset ([0-9]+)");
+
+// Empty when the message has the form "<text> at offset <n>" with n within the input.
+std::string checkErrorMessage(const std::string& message, size_t inputSize) {
+  std::smatch m;
+  if (!std::regex_match(message, m, kErrorPattern)) return "malformed message: " + message;
+  if (std::stoull(m[2].str()) > inputSize) return "offset past the end: " + message;
+  return "";
+}
+
+TEST(JSONCorpus, InvalidFilesAreRejectedExceptTheLenientOnes) {
+  auto files = corpusFiles("n_");
+  ASSERT_GT(files.size(), 180u);
+  std::set<std::string> accepted;
+  for (const auto& file : files) {
+    std::string name = file.filename().string();
+    std::string text = readFile(file);
+    std::string error = parseError(text);
+    if (kAcceptedInvalid.count(name)) {
+      EXPECT_EQ(error, "") << name << " should be accepted: " << kAcceptedInvalid.at(name);
+      accepted.insert(name);
+    } else {
+      EXPECT_NE(error, "") << name << " was accepted";
+      EXPECT_EQ(checkErrorMessage(error, text.size()), "") << name;
+    }
+  }
+  EXPECT_EQ(accepted.size(), kAcceptedInvalid.size()) << "a listed file is missing";
+}
+
+TEST(JSONCorpus, ImplementationDefinedFilesNeverCrash) {
+  auto files = corpusFiles("i_");
+  ASSERT_GT(files.size(), 30u);
+  for (const auto& file : files) {
+    std::string text = readFile(file);
+    std::string error = parseError(text);
+    if (!error.empty()) {
+      EXPECT_EQ(checkErrorMessage(error, text.size()), "") << file.filename();
+    } else {
+      // Whatever was accepted serializes to valid text that reads back the same.
+      JSON v = JSON::parse(text);
+      std::string out = v.serialized(0);
+      EXPECT_TRUE(isValidUTF8(out)) << file.filename();
+      EXPECT_EQ(JSON::parse(out).serialized(0), out) << file.filename();
+    }
+  }
+}
+
+TEST(JSONCorpus, TransformFiles) {
+  const std::string r = kFFFD;
+  const std::map<std::string, std::string> expected = {
+      {"number_-9223372036854775808.json", "[-9223372036854775808]"},
+      {"number_-9223372036854775809.json", "[-9223372036854775808]"},
+      {"number_1.0.json", "[1]"},
+      {"number_1.000000000000000005.json", "[1]"},
+      {"number_1000000000000000.json", "[1000000000000000]"},
+      {"number_10000000000000000999.json", "[10000000000000000000]"},
+      {"number_1e-999.json", "[0]"},
+      {"number_1e6.json", "[1000000]"},
+      {"number_9223372036854775807.json", "[9223372036854775808]"},
+      {"number_9223372036854775808.json", "[9223372036854775808]"},
+      {"object_key_nfc_nfd.json", "{\"\xC3\xA9\":\"NFC\",\"e\xCC\x81\":\"NFD\"}"},
+      {"object_key_nfd_nfc.json", "{\"e\xCC\x81\":\"NFD\",\"\xC3\xA9\":\"NFC\"}"},
+      {"object_same_key_different_values.json", "{\"a\":1,\"a\":2}"},
+      {"object_same_key_same_value.json", "{\"a\":1,\"a\":1}"},
+      {"object_same_key_unclear_values.json", "{\"a\":0,\"a\":0}"},
+      {"string_1_escaped_invalid_codepoint.json", "[\"" + r + "\"]"},
+      {"string_1_invalid_codepoint.json", "[\"" + r + r + r + "\"]"},
+      {"string_2_escaped_invalid_codepoints.json", "[\"" + r + r + "\"]"},
+      {"string_2_invalid_codepoints.json", "[\"" + r + r + r + r + r + r + "\"]"},
+      {"string_3_escaped_invalid_codepoints.json", "[\"" + r + r + r + "\"]"},
+      {"string_3_invalid_codepoints.json", "[\"" + r + r + r + r + r + r + r + r + r + "\"]"},
+      {"string_with_escaped_NULL.json", "[\"A\\u0000B\"]"},
+  };
+  for (const auto& [name, want] : expected) {
+    std::string text = readFile(corpus() / "test_transform" / name);
+    ASSERT_FALSE(text.empty()) << name;
+    EXPECT_EQ(compact(text), want) << name;
+  }
+}
+
+// --- random input ---
+
+TEST(JSONFuzz, RandomBytesParseOrFailWithAnOffset) {
+  std::mt19937 rng(12345);
+  const std::string alphabet = "[]{}\",:\\ tfnrue0123456789+-.eEu";
+  for (int i = 0; i < 4000; ++i) {
+    size_t length = rng() % 48;
+    std::string text;
+    for (size_t k = 0; k < length; ++k) {
+      text += (rng() % 3) ? alphabet[rng() % alphabet.size()] : static_cast<char>(rng() & 0xFF);
+    }
+    try {
+      JSON v = JSON::parse(text);
+      ASSERT_TRUE(isValidUTF8(v.serialized(0))) << i;
+    } catch (const JSONParseError& e) {
+      ASSERT_EQ(checkErrorMessage(e.message, text.size()), "") << i;
+    }
+  }
+}
+
+TEST(JSONFuzz, MutatedDocumentsParseOrFailWithAnOffset) {
+  const std::string seed =
+      "{\"a\":[1,2.5e-3,-0,true,false,null,\"s\\n\\u00e9\\ud83d\\ude00\"],\"b\":{\"c\":{}},"
+      "\"d\":[[],[{}]],\"e\":\"\xC3\xA9\"}";
+  ASSERT_NO_THROW(JSON::parse(seed));
+  std::mt19937 rng(777);
+  int parsed = 0;
+  for (int i = 0; i < 4000; ++i) {
+    std::string text = seed;
+    int edits = 1 + static_cast<int>(rng() % 4);
+    for (int k = 0; k < edits && !text.empty(); ++k) {
+      size_t at = rng() % text.size();
+      switch (rng() % 4) {
+        case 0:
+          text[at] = static_cast<char>(rng() & 0xFF);
+          break;
+        case 1:
+          text.erase(at, 1 + rng() % 3);
+          break;
+        case 2:
+          text.insert(at, 1, seed[rng() % seed.size()]);
+          break;
+        default:
+          text.resize(at);
+      }
+    }
+    try {
+      JSON v = JSON::parse(text);
+      ++parsed;
+      std::string out = v.serialized(2);
+      ASSERT_EQ(JSON::parse(out).serialized(2), out) << i;
+    } catch (const JSONParseError& e) {
+      ASSERT_EQ(checkErrorMessage(e.message, text.size()), "") << i;
+    }
+  }
+  EXPECT_GT(parsed, 0);
+}
+
+}  // namespace
+}  // namespace vorn
