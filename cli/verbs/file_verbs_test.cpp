@@ -108,7 +108,9 @@ TEST(FileOpen, UsageErrorsComeBeforeAnySocket) {
   all.all = true;
   EXPECT_EQ(thrown([&] { open(all, f.instances); }),
             usageError("vorn file open: --all is not valid when opening a file"));
-  EXPECT_EQ(thrown([&] { open(withArgs({"w/main.go", "x"}), f.instances); }),
+  EXPECT_EQ(thrown([&] {
+              open(withArgs({"w/main.go", "x"}), f.instances);
+            }),
             usageError("vorn file open: unexpected argument 'x'"));
   EXPECT_EQ(thrown([&] { open(withArgs({"w/pkg"}), f.instances); }),
             usageError("vorn file open: w/pkg is a directory (vorn workspace open)"));
@@ -184,7 +186,9 @@ TEST(FileRead, MissingPathAndStrayArgument) {
   auto read = fileVerbs().at("read");
   EXPECT_EQ(thrown([&] { read(withArgs({}), f.instances); }),
             usageError("vorn file read: missing path"));
-  EXPECT_EQ(thrown([&] { read(withArgs({"a", "b"}), f.instances); }),
+  EXPECT_EQ(thrown([&] {
+              read(withArgs({"a", "b"}), f.instances);
+            }),
             usageError("vorn file read: unexpected argument 'b'"));
   EXPECT_EQ(thrown([&] { read(withArgs({"a"}), f.instances); }),
             CliError("vorn file read: no running instances", 1));

@@ -68,7 +68,8 @@ void workspaceOpen(const Flags& flags, Instances& instances) {
 
   if (flags.has("--new")) {
     std::set<std::string> known;
-    for (const InstanceInfo& instance : instances.scan(false).live) known.insert(instance.id);
+    for (const InstanceInfo& instance : instances.scan(false).live)
+      known.insert(instance.id);
     launch(instances, dir, true);
     std::optional<InstanceInfo> fresh = waitForLaunch(instances, known);
     if (!fresh) throw CliError{"vorn workspace open: launched app but no new instance appeared"};

@@ -104,8 +104,9 @@ TEST(OpenOn, WithoutAnErrorTextTheStatusIsNamed) {
   TempDir dir;
   std::string body = "{\"ok\":false}";
   int status = 200;
-  FakeInstanceServer server(dir / "fs.sock",
-                            [&](const SeenRequest&) { return FakeReply{status, body}; });
+  FakeInstanceServer server(dir / "fs.sock", [&](const SeenRequest&) {
+    return FakeReply{status, body};
+  });
   CapturedContext captured;
   Instances instances{captured.ctx};
   EXPECT_EQ(thrown([&] { openOn(instances, instanceAt("x", server.path()), "/w"); }),
@@ -153,8 +154,8 @@ TEST(WaitForNewInstance, WithNothingKnownTheFirstLiveOneIsTaken) {
     return ++scans < 2 ? std::vector<InstanceInfo>{}
                        : std::vector<InstanceInfo>{instanceAt("z", "/s/z")};
   };
-  auto found = waitForNewInstance(scan, {}, std::chrono::milliseconds(5000),
-                                  std::chrono::milliseconds(1));
+  auto found =
+      waitForNewInstance(scan, {}, std::chrono::milliseconds(5000), std::chrono::milliseconds(1));
   ASSERT_TRUE(found);
   EXPECT_EQ(found->id, "z");
 }
@@ -165,12 +166,12 @@ TEST(WaitForNewInstance, GivesUpAtTheDeadlineButScansAtLeastOnce) {
     ++scans;
     return std::vector<InstanceInfo>{instanceAt("a", "/s/a")};
   };
-  EXPECT_FALSE(waitForNewInstance(scan, {"a"}, std::chrono::milliseconds(0),
-                                  std::chrono::milliseconds(1)));
+  EXPECT_FALSE(
+      waitForNewInstance(scan, {"a"}, std::chrono::milliseconds(0), std::chrono::milliseconds(1)));
   EXPECT_EQ(scans, 1);
   scans = 0;
-  EXPECT_FALSE(waitForNewInstance(scan, {"a"}, std::chrono::milliseconds(30),
-                                  std::chrono::milliseconds(5)));
+  EXPECT_FALSE(
+      waitForNewInstance(scan, {"a"}, std::chrono::milliseconds(30), std::chrono::milliseconds(5)));
   EXPECT_GE(scans, 2);
 }
 
@@ -200,7 +201,9 @@ TEST(WorkspaceOpen, UsageErrorsComeFirst) {
             usageError("vorn workspace open: not a directory: main.go (files: vorn file open)"));
   EXPECT_EQ(thrown([&] { open(withArgs({"nope/"}), instances); }),
             usageError("vorn workspace open: not a directory: nope/ (files: vorn file open)"));
-  EXPECT_EQ(thrown([&] { open(withArgs({".", "x"}), instances); }),
+  EXPECT_EQ(thrown([&] {
+              open(withArgs({".", "x"}), instances);
+            }),
             usageError("vorn workspace open: unexpected argument 'x'"));
   EXPECT_EQ(captured.out, "");
 }

@@ -107,6 +107,22 @@ describe("file open: usage errors", () => {
     expect(fs.existsSync(marker)).toBe(false);
   });
 
+  test("main.go: and main.go:x name no position: no such file, unless a file has exactly that name", async () => {
+    const ws = sb.dir("work/app");
+    sb.file("work/app/main.go", "");
+    const a = await sb.sim({ id: "a", workspace: ws });
+    for (const word of ["main.go:", "main.go:x", "main.go::3"]) {
+      const r = await sb.run(["file", "open", word], { cwd: ws });
+      expect(r.stderr).toBe(`vorn file open: no such file: ${word.replace(/:3$/, "")}\n`);
+      expect(r.code).toBe(2);
+    }
+    expect(calls(a)).toEqual([]);
+    const exact = sb.file("work/app/main.go:", "");
+    const r = await sb.run(["file", "open", "main.go:"], { cwd: ws });
+    expect(r.stdout).toBe(`Opened ${exact}:undefined:undefined on instance a\n`);
+    expectOpenFile(a, `{"path":"${exact}"}`);
+  });
+
   test("a line or column of 0 is refused before any socket is touched", async () => {
     sb.file("work/app/main.go", "");
     const a = await sb.sim({ id: "a", workspace: sb.path("work/app") });

@@ -183,6 +183,15 @@ describe("workspace open: choosing the instance", () => {
     expect(calls(b)).toEqual(["GET /instance", "POST /workspace", "POST /focus"]);
   });
 
+  test("an id prefix matching several opens in the first by pid", async () => {
+    const app = sb.dir("work/app");
+    const sims = byPid(await sb.sims(2, (i) => ({ id: ["abc", "abd"][i] })));
+    const r = await sb.run(["workspace", "open", "app", "-i", "ab"]);
+    expect(r.stdout).toBe(`Opened ${app} on instance ${sims[0].id}\n`);
+    expect(r.code).toBe(0);
+    expect(calls(sims[1])).toEqual(["GET /instance"]);
+  });
+
   test("--pid and --sock select too", async () => {
     const app = sb.dir("work/app");
     const [a, b] = await sb.sims(2, (i) => ({ id: ["a", "b"][i] }));
