@@ -50,10 +50,10 @@ std::optional<std::string> isoTimestamp(double ms) {
                   year < 0 ? -year : year);
   }
   char text[64];
-  std::snprintf(text, sizeof text, "%s-%02" PRId64 "-%02" PRId64 "T%02" PRId64 ":%02" PRId64
-                ":%02" PRId64 ".%03" PRId64 "Z",
-                yearText, month, day, rest / 3600000, rest / 60000 % 60, rest / 1000 % 60,
-                rest % 1000);
+  std::snprintf(
+      text, sizeof text,
+      "%s-%02" PRId64 "-%02" PRId64 "T%02" PRId64 ":%02" PRId64 ":%02" PRId64 ".%03" PRId64 "Z",
+      yearText, month, day, rest / 3600000, rest / 60000 % 60, rest / 1000 % 60, rest % 1000);
   return std::string(text);
 }
 
@@ -88,8 +88,8 @@ JSON listEntry(const InstanceInfo& instance) {
       {"pid", JSON(instance.pid)},
       {"sock", JSON(instance.socketPath)},
       {"mode", JSON(instance.mode.value_or("app"))},
-      {"workspace", JSON::object({{"root", JSON(instance.workspace)},
-                                  {"name", JSON(instance.workspaceName)}})},
+      {"workspace",
+       JSON::object({{"root", JSON(instance.workspace)}, {"name", JSON(instance.workspaceName)}})},
       {"health", JSON::object({{"ok", JSON(true)}, {"transport", JSON(instance.transport)}})},
   });
 }
@@ -115,11 +115,12 @@ ListOutput listOutput(const Scan& scan, bool quiet, bool json) {
   if (json) {
     JSON::Array live;
     live.reserve(scan.live.size());
-    for (const auto& instance : scan.live) live.push_back(listEntry(instance));
-    result.out = JSON::object({{"instances", JSON(std::move(live))},
-                               {"stale", staleEntries(scan.stale)}})
-                     .serialized(2) +
-                 "\n";
+    for (const auto& instance : scan.live)
+      live.push_back(listEntry(instance));
+    result.out =
+        JSON::object({{"instances", JSON(std::move(live))}, {"stale", staleEntries(scan.stale)}})
+            .serialized(2) +
+        "\n";
     return result;
   }
   if (!quiet) {
@@ -128,7 +129,8 @@ ListOutput listOutput(const Scan& scan, bool quiet, bool json) {
     }
   }
   if (quiet) {
-    for (const auto& instance : scan.live) result.out += instance.id + "\n";
+    for (const auto& instance : scan.live)
+      result.out += instance.id + "\n";
     return result;
   }
   if (!scan.stale.empty()) {
@@ -140,8 +142,7 @@ ListOutput listOutput(const Scan& scan, bool quiet, bool json) {
     result.err += "vorn: " + std::to_string(scan.stale.size()) +
                   " unreachable instance dir(s): " + list + " — run vorn instance prune\n";
   }
-  result.out = scan.live.empty() ? "No running Vorn instances.\n"
-                                 : instanceTable(scan.live) + "\n";
+  result.out = scan.live.empty() ? "No running Vorn instances.\n" : instanceTable(scan.live) + "\n";
   return result;
 }
 
@@ -150,7 +151,8 @@ std::string pruneOutput(const Scan& scan, bool json) {
   if (json) {
     JSON::Array live;
     live.reserve(scan.live.size());
-    for (const auto& instance : scan.live) live.push_back(JSON(instance.id));
+    for (const auto& instance : scan.live)
+      live.push_back(JSON(instance.id));
     return JSON::object({{"pruned", staleEntries(scan.removed)},
                          {"kept", staleEntries(scan.stale)},
                          {"live", JSON(std::move(live))}})
@@ -181,9 +183,9 @@ std::vector<InstanceInfo> inspectTargets(const std::vector<InstanceInfo>& live,
     std::vector<InstanceInfo> match = matchInstances(live, id, std::nullopt);
     if (match.empty()) throw CliError{"vorn instance inspect: no instance matches " + id};
     if (match.size() > 1) {
-      throw ambiguous("vorn instance inspect: " + std::to_string(match.size()) +
-                          " instances match " + id,
-                      match, "pass a longer ID (see vorn instance list)");
+      throw ambiguous(
+          "vorn instance inspect: " + std::to_string(match.size()) + " instances match " + id,
+          match, "pass a longer ID (see vorn instance list)");
     }
     if (seen.insert(match[0].socketPath).second) {
       targets.push_back(match[0]);
@@ -254,7 +256,8 @@ void inspect(const Flags& flags, Instances& instances) {
   std::vector<std::pair<size_t, size_t>> jobs;
   jobs.reserve(targets.size() * inspectPathCount);
   for (size_t t = 0; t < targets.size(); ++t) {
-    for (size_t p = 0; p < inspectPathCount; ++p) jobs.emplace_back(t, p);
+    for (size_t p = 0; p < inspectPathCount; ++p)
+      jobs.emplace_back(t, p);
   }
   std::vector<JSON> replies = parallelMap(jobs, [&](const std::pair<size_t, size_t>& job) {
     return Transport::getJSON(targets[job.first].socketPath, inspectPaths[job.second]);
@@ -265,8 +268,8 @@ void inspect(const Flags& flags, Instances& instances) {
   entries.reserve(targets.size());
   for (size_t t = 0; t < targets.size(); ++t) {
     JSON* r = &replies[t * inspectPathCount];
-    entries.push_back(inspectEntry(targets[t], now, std::move(r[0]), std::move(r[1]),
-                                   std::move(r[2]), r[3]));
+    entries.push_back(
+        inspectEntry(targets[t], now, std::move(r[0]), std::move(r[1]), std::move(r[2]), r[3]));
   }
   instances.ctx.writeOut(JSON(std::move(entries)).serialized(2) + "\n");
 }
@@ -314,7 +317,8 @@ constexpr double quitWaitSeconds = 10;
 void quit(const Flags& flags, Instances& instances) {
   // Quitting is never aimed at an implicit instance.
   if (!hasSelector(flags)) {
-    throw CliError{"vorn instance quit: pass -i ID, --pid N, -a, or --sock (see vorn instance list)"};
+    throw CliError{
+        "vorn instance quit: pass -i ID, --pid N, -a, or --sock (see vorn instance list)"};
   }
   std::vector<InstanceInfo> targets = instances.resolve(flags, true, true);
   if (targets.empty()) throw CliError{"vorn instance quit: no matching instances"};
@@ -357,8 +361,8 @@ void health(const Flags& flags, Instances& instances) {
 
 VerbTable instanceVerbs() {
   return {
-      {"list", list},   {"inspect", inspect}, {"focus", focus},
-      {"quit", quit},   {"prune", prune},     {"health", health},
+      {"list", list}, {"inspect", inspect}, {"focus", focus},
+      {"quit", quit}, {"prune", prune},     {"health", health},
   };
 }
 

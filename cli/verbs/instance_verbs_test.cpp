@@ -61,7 +61,7 @@ StaleEntry stale(int64_t pid, std::string reason) {
 TEST(IsoTimestamp, FormatsUtcWithMilliseconds) {
   EXPECT_EQ(isoTimestamp(0), "1970-01-01T00:00:00.000Z");
   EXPECT_EQ(isoTimestamp(1795294275123.0), "2026-11-21T20:51:15.123Z");
-  EXPECT_EQ(isoTimestamp(951782400000.0), "2000-02-29T00:00:00.000Z");  // leap day
+  EXPECT_EQ(isoTimestamp(951782400000.0), "2000-02-29T00:00:00.000Z");   // leap day
   EXPECT_EQ(isoTimestamp(1700000000000.9), "2023-11-14T22:13:20.000Z");  // fraction dropped
 }
 
@@ -85,9 +85,9 @@ TEST(IsoTimestamp, OutOfRangeHasNone) {
 }
 
 TEST(DiagnosticsSummary, CountsBySourceInFirstAppearanceOrder) {
-  JSON reply = JSON::parse(
-      R"({"diagnostics":[{"source":"gopls"},{"source":"go test"},{"source":"gopls"},)"
-      R"({"message":"no source"},{"source":3}],"analyzers":{}})");
+  JSON reply =
+      JSON::parse(R"({"diagnostics":[{"source":"gopls"},{"source":"go test"},{"source":"gopls"},)"
+                  R"({"message":"no source"},{"source":3}],"analyzers":{}})");
   EXPECT_EQ(diagnosticsSummary(reply).serialized(0),
             R"({"count":5,"bySource":{"gopls":2,"go test":1}})");
 }
@@ -184,7 +184,8 @@ TEST(InspectTargets, ExactPrefixRepeatsAndOrder) {
   std::vector<InstanceInfo> live = {info("abc", 1), info("abcd", 2), info("xyz", 3)};
   auto ids = [](const std::vector<InstanceInfo>& v) {
     std::vector<std::string> out;
-    for (const auto& i : v) out.push_back(i.id);
+    for (const auto& i : v)
+      out.push_back(i.id);
     return out;
   };
   EXPECT_EQ(ids(inspectTargets(live, {"abc"})), std::vector<std::string>{"abc"});

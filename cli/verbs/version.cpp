@@ -31,8 +31,7 @@ std::string renderProtocol(const JSON& protocol) {
 }
 
 // The whole output for the given (id, protocol) pairs.
-std::string versionOutput(const std::vector<std::pair<std::string, JSON>>& protocols,
-                          bool json) {
+std::string versionOutput(const std::vector<std::pair<std::string, JSON>>& protocols, bool json) {
   if (json) {
     JSON::Array list;
     list.reserve(protocols.size());
