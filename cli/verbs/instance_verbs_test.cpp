@@ -260,8 +260,9 @@ TEST(VersionOutput, TextAndJson) {
 class EmptyRuntime : public ::testing::Test {
  protected:
   void SetUp() override {
-    char pattern[] = "/tmp/vorn-iverbs-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
+    std::string pattern =
+        (std::filesystem::temp_directory_path() / "vorn-instance-verbs-XXXXXX").string();
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
     dir = pattern;
     captured.ctx.env["XDG_RUNTIME_DIR"] = dir;
     captured.ctx.env["HOME"] = dir;
