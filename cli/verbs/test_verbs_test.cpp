@@ -17,8 +17,9 @@ namespace {
 class TestTargetTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char pattern[] = "/tmp/vorn-test-verbs-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
+    std::string pattern =
+        (std::filesystem::temp_directory_path() / "vorn-test-verbs-XXXXXX").string();
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
     root = Paths::real(pattern);
     app = root + "/app";
     std::filesystem::create_directories(app + "/pkg/foo");
