@@ -11,7 +11,8 @@ namespace {
 
 ByteSet byteSet(std::string_view bytes) {
   ByteSet set;
-  for (char c : bytes) set.set(static_cast<unsigned char>(c));
+  for (char c : bytes)
+    set.set(static_cast<unsigned char>(c));
   return set;
 }
 
@@ -26,9 +27,8 @@ FanoutRow postOne(const InstanceInfo& target, const std::string& path, const JSO
   FanoutRow out;
   try {
     Reply reply = Transport::request(target.socketPath, "POST", path, &body);
-    out.row = JSON::object({{"id", JSON(target.id)},
-                            {"status", JSON(reply.status)},
-                            {"body", reply.body}});
+    out.row = JSON::object(
+        {{"id", JSON(target.id)}, {"status", JSON(reply.status)}, {"body", reply.body}});
     if (!reply.ok()) {
       out.failed = true;
     } else if (const JSON* ok = reply.body.get("ok")) {
@@ -49,13 +49,15 @@ FanoutRow postOne(const InstanceInfo& target, const std::string& path, const JSO
   return out;
 }
 
-std::string printed(const JSON& value) { return value.serialized(2) + "\n"; }
+std::string printed(const JSON& value) {
+  return value.serialized(2) + "\n";
+}
 
 }  // namespace
 
 const ByteSet& componentSafe() {
-  static const ByteSet set = byteSet(
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_.!~*'()");
+  static const ByteSet set =
+      byteSet("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_.!~*'()");
   return set;
 }
 
@@ -97,8 +99,8 @@ std::string searchParams(const std::vector<std::pair<std::string, std::string>>&
 
 void Instances::postEach(const std::vector<InstanceInfo>& targets, const std::string& path,
                          const JSON& body, const std::string& label, bool json) const {
-  std::vector<FanoutRow> rows = parallelMap(
-      targets, [&](const InstanceInfo& target) { return postOne(target, path, body); });
+  std::vector<FanoutRow> rows =
+      parallelMap(targets, [&](const InstanceInfo& target) { return postOne(target, path, body); });
 
   bool single = rows.size() == 1 && !json;
   if (single) {
@@ -110,7 +112,8 @@ void Instances::postEach(const std::vector<InstanceInfo>& targets, const std::st
   } else {
     JSON::Array all;
     all.reserve(rows.size());
-    for (const auto& row : rows) all.push_back(row.row);
+    for (const auto& row : rows)
+      all.push_back(row.row);
     ctx.writeOut(printed(JSON::object({{"results", JSON(std::move(all))}})));
   }
 

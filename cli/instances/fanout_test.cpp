@@ -75,14 +75,16 @@ TEST(ParallelMap, EmptyListStartsNothing) {
 
 TEST(ParallelMap, ResultsKeepTheItemsOrder) {
   std::vector<int> items;
-  for (int i = 0; i < 40; ++i) items.push_back(i);
+  for (int i = 0; i < 40; ++i)
+    items.push_back(i);
   // Later items finish first.
   auto out = parallelMap(items, [](int x) {
     std::this_thread::sleep_for(std::chrono::milliseconds((40 - x) / 4));
     return "item " + std::to_string(x);
   });
   ASSERT_EQ(out.size(), items.size());
-  for (int i = 0; i < 40; ++i) EXPECT_EQ(out[i], "item " + std::to_string(i));
+  for (int i = 0; i < 40; ++i)
+    EXPECT_EQ(out[i], "item " + std::to_string(i));
 }
 
 TEST(ParallelMap, EachItemIsTransformedOnce) {
@@ -180,8 +182,8 @@ struct FanoutTest : ::testing::Test {
     std::string sock = root + "/" + std::to_string(children.back()->pid()) + "/fs.sock";
     JSON record = testing::record(id, pid, sock).json();
     std::string recordText = record.serialized(0);
-    servers.push_back(std::make_unique<FakeInstanceServer>(
-        sock, [recordText, reply](const SeenRequest& request) {
+    servers.push_back(
+        std::make_unique<FakeInstanceServer>(sock, [recordText, reply](const SeenRequest& request) {
           if (request.method == "GET" && request.path == "/instance") {
             return FakeReply{200, recordText};
           }
@@ -230,12 +232,14 @@ TEST_F(FanoutTest, PostEachOneTargetPrintsOnlyTheBody) {
 TEST_F(FanoutTest, PostEachJsonWrapsEvenOneTarget) {
   InstanceInfo a = add("a", 1, replying(200, "{\"done\":1}"));
   instances().postEach({a}, "/p", JSON::object(), "nogo run", true);
-  EXPECT_EQ(io.out, JSON::object({{"results", JSON::array({JSON::object(
-                                                  {{"id", JSON("a")},
-                                                   {"status", JSON(200)},
-                                                   {"body", JSON::object({{"done", JSON(1)}})}})})}})
-                            .serialized(2) +
-                        "\n");
+  EXPECT_EQ(
+      io.out,
+      JSON::object(
+          {{"results", JSON::array({JSON::object({{"id", JSON("a")},
+                                                  {"status", JSON(200)},
+                                                  {"body", JSON::object({{"done", JSON(1)}})}})})}})
+              .serialized(2) +
+          "\n");
 }
 
 TEST_F(FanoutTest, PostEachTwoTargetsInTargetOrder) {
@@ -293,9 +297,7 @@ TEST_F(FanoutTest, PostEachErrorStatusCountsAndReportsItsDetail) {
 
 TEST_F(FanoutTest, PostEachSingleTextFailureWithDetailFailsAtOnce) {
   InstanceInfo a = add("a", 1, replying(200, "{\"ok\":false,\"detail\":\"nope\"}"));
-  CliError e = thrown([&] {
-    instances().postEach({a}, "/p", JSON::object(), "nogo run", false);
-  });
+  CliError e = thrown([&] { instances().postEach({a}, "/p", JSON::object(), "nogo run", false); });
   EXPECT_EQ(e.message, "vorn nogo run: nope");
   EXPECT_EQ(e.code, 1);
   EXPECT_EQ(io.out, "{\n  \"ok\": false,\n  \"detail\": \"nope\"\n}\n");
@@ -345,7 +347,8 @@ TEST_F(FanoutTest, PostEachManySlowTargetsOverlap) {
 }
 
 TEST_F(FanoutTest, ReadEachWithoutInstances) {
-  CliError e = thrown([&] { instances().readEach("GET", "/health", nullptr, Flags{}, "instance health"); });
+  CliError e =
+      thrown([&] { instances().readEach("GET", "/health", nullptr, Flags{}, "instance health"); });
   EXPECT_EQ(e.message, "vorn instance health: no running instances");
   EXPECT_EQ(e.code, 1);
 }
@@ -373,7 +376,8 @@ TEST_F(FanoutTest, ReadEachSendsTheMethodAndBody) {
 
 TEST_F(FanoutTest, ReadEachOneInstanceErrorStatusFailsQuietly) {
   add("a", 1, replying(503, "{\"error\":\"not ready\"}"));
-  CliError e = thrown([&] { instances().readEach("GET", "/health", nullptr, Flags{}, "instance health"); });
+  CliError e =
+      thrown([&] { instances().readEach("GET", "/health", nullptr, Flags{}, "instance health"); });
   EXPECT_EQ(e.message, "");
   EXPECT_EQ(e.code, 1);
   EXPECT_EQ(io.out, "{\n  \"error\": \"not ready\"\n}\n");
@@ -381,7 +385,8 @@ TEST_F(FanoutTest, ReadEachOneInstanceErrorStatusFailsQuietly) {
 
 TEST_F(FanoutTest, ReadEachOneInstanceTransportFailureKeepsItsDescription) {
   add("a", 1, [](const SeenRequest&) { return FakeReply{0, "", true}; });
-  CliError e = thrown([&] { instances().readEach("GET", "/health", nullptr, Flags{}, "instance health"); });
+  CliError e =
+      thrown([&] { instances().readEach("GET", "/health", nullptr, Flags{}, "instance health"); });
   EXPECT_FALSE(e.message.empty());
   EXPECT_EQ(e.message.rfind("vorn instance health", 0), std::string::npos);
   EXPECT_EQ(e.code, 1);
@@ -413,8 +418,9 @@ TEST_F(FanoutTest, ReadEachJsonWrapsOneInstance) {
   Flags f;
   f.json = true;
   instances().readEach("GET", "/health", nullptr, f, "instance health");
-  EXPECT_EQ(io.out, "{\n  \"results\": [\n    {\n      \"id\": \"a\",\n      \"ok\": true,\n      "
-                    "\"body\": {\n        \"ok\": true\n      }\n    }\n  ]\n}\n");
+  EXPECT_EQ(io.out,
+            "{\n  \"results\": [\n    {\n      \"id\": \"a\",\n      \"ok\": true,\n      "
+            "\"body\": {\n        \"ok\": true\n      }\n    }\n  ]\n}\n");
 }
 
 TEST_F(FanoutTest, ReadEachFollowsTheSelector) {
@@ -426,8 +432,9 @@ TEST_F(FanoutTest, ReadEachFollowsTheSelector) {
   EXPECT_EQ(io.out, "{\n  \"n\": 2\n}\n");
 
   f.instance = "nothing";
-  EXPECT_EQ(thrown([&] { instances().readEach("GET", "/health", nullptr, f, "instance health"); })
-                .message,
+  EXPECT_EQ(thrown([&] {
+              instances().readEach("GET", "/health", nullptr, f, "instance health");
+            }).message,
             "no instance matches nothing");
 }
 

@@ -111,8 +111,8 @@ struct Instances {
                  const std::map<std::string, std::string>& env) const;
 
   // Fan-out; both throw CliError.
-  void postEach(const std::vector<InstanceInfo>& targets, const std::string& path,
-                const JSON& body, const std::string& label, bool json) const;
+  void postEach(const std::vector<InstanceInfo>& targets, const std::string& path, const JSON& body,
+                const std::string& label, bool json) const;
   void readEach(const std::string& method, const std::string& path, const JSON* body,
                 const Flags& flags, const std::string& label) const;
 

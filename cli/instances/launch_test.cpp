@@ -140,8 +140,8 @@ TEST(RunProcess, ReturnsTheExitStatus) {
 
 TEST(RunProcess, ArgumentsArePassedVerbatim) {
   // No shell in between: the argument with blanks, quotes and ; arrives as one word.
-  EXPECT_EQ(runProcess("/bin/sh", {"-c", "test \"$1\" = 'a b;\"c\"' && test $# -eq 1", "sh",
-                                   "a b;\"c\""}),
+  EXPECT_EQ(runProcess("/bin/sh",
+                       {"-c", "test \"$1\" = 'a b;\"c\"' && test $# -eq 1", "sh", "a b;\"c\""}),
             0);
   EXPECT_EQ(runProcess("/bin/sh", {"-c", "test $# -eq 2", "sh", "x", "y"}), 0);
 }
@@ -158,6 +158,26 @@ TEST(RunProcess, AProgramThatCannotStartFails) {
 TEST(RunProcess, AKilledProgramFails) {
   EXPECT_EQ(runProcess("/bin/sh", {"-c", "kill -9 $$"}), 128 + SIGKILL);
 }
+
+#if defined(__linux__)
+TEST(RunProcess, TheChildGetsTheDefaultSigpipeBack) {
+  // The CLI runs with SIGPIPE ignored; the programs it starts must not inherit that.
+  struct sigaction ignore {
+  }, previous{};
+  ignore.sa_handler = SIG_IGN;
+  ASSERT_EQ(::sigaction(SIGPIPE, &ignore, &previous), 0);
+  const char* sigpipeIsDefault =
+      "while read k v; do [ \"$k\" = SigIgn: ] && m=$v; done < /proc/$$/status; "
+      "[ $(( 0x$m & 0x1000 )) -eq 0 ]";
+  int32_t status = runProcess("/bin/sh", {"-c", sigpipeIsDefault});
+  // The same check run under an ignored SIGPIPE does notice it.
+  int32_t control =
+      runProcess("/bin/sh", {"-c", "trap '' PIPE; /bin/sh -c \"$1\"", "sh", sigpipeIsDefault});
+  ::sigaction(SIGPIPE, &previous, nullptr);
+  EXPECT_EQ(status, 0);
+  EXPECT_NE(control, 0);
+}
+#endif
 
 // ---- launchApp ----
 

@@ -147,7 +147,9 @@ std::optional<int64_t> parseFolderName(std::string_view name) {
   return value;
 }
 
-bool fitsProcessId(int64_t pid) { return pid >= INT32_MIN && pid <= INT32_MAX; }
+bool fitsProcessId(int64_t pid) {
+  return pid >= INT32_MIN && pid <= INT32_MAX;
+}
 
 bool pathExists(const std::string& path) {
   struct stat st;

@@ -219,9 +219,13 @@ TEST(IsForeignHost, AnyPlatformButDarwinIsForeign) {
 
 // ---- pidAlive ----
 
-TEST(PidAlive, OwnProcessIsAlive) { EXPECT_TRUE(pidAlive(::getpid())); }
+TEST(PidAlive, OwnProcessIsAlive) {
+  EXPECT_TRUE(pidAlive(::getpid()));
+}
 
-TEST(PidAlive, ReapedChildIsDead) { EXPECT_FALSE(pidAlive(testing::deadPid())); }
+TEST(PidAlive, ReapedChildIsDead) {
+  EXPECT_FALSE(pidAlive(testing::deadPid()));
+}
 
 TEST(PidAlive, SleepingChildIsAliveUntilKilled) {
   SleepingChild child;
@@ -330,7 +334,9 @@ struct ScanTest : ::testing::Test {
   }
 };
 
-std::string me() { return std::to_string(::getpid()); }
+std::string me() {
+  return std::to_string(::getpid());
+}
 
 TEST_F(ScanTest, EmptyRoot) {
   Scan scan = instances().scan(false);
@@ -424,7 +430,8 @@ TEST_F(ScanTest, SignedAndZeroPaddedNamesParseButKeepTheirName) {
   }
   // Equal pids keep the listing order.
   std::vector<std::string> expected;
-  for (const auto& name : listing()) expected.push_back(dir(name));
+  for (const auto& name : listing())
+    expected.push_back(dir(name));
   EXPECT_EQ(dirs, expected);
 }
 
@@ -515,7 +522,8 @@ TEST_F(ScanTest, UnreachableSockets) {
   EXPECT_TRUE(scan.live.empty());
   EXPECT_TRUE(scan.removed.empty());
   ASSERT_EQ(scan.stale.size(), 3u);
-  for (const auto& entry : scan.stale) EXPECT_EQ(entry.reason, "unreachable");
+  for (const auto& entry : scan.stale)
+    EXPECT_EQ(entry.reason, "unreachable");
   EXPECT_TRUE(scan.stale[0].pid < scan.stale[1].pid && scan.stale[1].pid < scan.stale[2].pid);
 
   // With prune, the old one goes and the young ones stay.
@@ -593,10 +601,12 @@ TEST_F(ScanTest, RemovedKeepsListingOrder) {
     makeDir(name);
   }
   std::vector<std::string> expected;
-  for (const auto& name : listing()) expected.push_back(dir(name));
+  for (const auto& name : listing())
+    expected.push_back(dir(name));
   Scan scan = instances().scan(false);
   std::vector<std::string> removed;
-  for (const auto& entry : scan.removed) removed.push_back(entry.dir);
+  for (const auto& entry : scan.removed)
+    removed.push_back(entry.dir);
   EXPECT_EQ(removed, expected);
 }
 

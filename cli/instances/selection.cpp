@@ -113,7 +113,8 @@ CliError ambiguous(const std::string& message, const std::vector<InstanceInfo>& 
   CliError error{message + " \u2014 " + hint, 2};
   std::vector<std::string> ids;
   ids.reserve(instances.size());
-  for (const auto& instance : instances) ids.push_back(instance.id);
+  for (const auto& instance : instances)
+    ids.push_back(instance.id);
   error.instances = std::move(ids);
   error.preface = instanceTable(instances);
   return error;
@@ -222,8 +223,9 @@ InstanceInfo Instances::owner(const std::string& path, const std::string& verb) 
 
   std::vector<InstanceInfo> live = scan(false).live;
   if (live.empty()) {
-    throw CliError{"vorn " + verb +
-                   ": no running instances \u2014 open its folder first: vorn workspace open <dir>"};
+    throw CliError{
+        "vorn " + verb +
+        ": no running instances \u2014 open its folder first: vorn workspace open <dir>"};
   }
   std::vector<InstanceInfo> candidates;
   for (const auto& instance : live) {
@@ -243,9 +245,8 @@ bool Instances::waitForExit(const InstanceInfo& instance, double timeoutSeconds)
   using Clock = std::chrono::steady_clock;
   // Clamped so that a silly timeout cannot overflow the clock arithmetic.
   double seconds = timeoutSeconds > 0 ? std::min(timeoutSeconds, maxWaitSeconds) : 0;
-  Clock::time_point deadline =
-      Clock::now() +
-      std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+  Clock::time_point deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                                  std::chrono::duration<double>(seconds));
   while (Clock::now() < deadline) {
     bool gone = !instance.foreign && !pidAlive(instance.pid);
     if (!gone) {

@@ -28,7 +28,8 @@ InstanceInfo info(const std::string& id, int64_t pid, const std::string& workspa
 
 std::vector<std::string> ids(const std::vector<InstanceInfo>& list) {
   std::vector<std::string> out;
-  for (const auto& i : list) out.push_back(i.id);
+  for (const auto& i : list)
+    out.push_back(i.id);
   return out;
 }
 
@@ -97,8 +98,7 @@ TEST(MatchInstances, NoSelectorPicksOnlyALoneInstance) {
 TEST(Ambiguous, CarriesMessageHintCodeIdsAndTable) {
   std::vector<InstanceInfo> list = {info("abc", 1, "/w"), info("abd", 2)};
   CliError error = ambiguous("2 instances running", list, "pass -i ID (see vorn instance list)");
-  EXPECT_EQ(error.message,
-            "2 instances running \u2014 pass -i ID (see vorn instance list)");
+  EXPECT_EQ(error.message, "2 instances running \u2014 pass -i ID (see vorn instance list)");
   EXPECT_EQ(error.code, 2);
   EXPECT_FALSE(error.instance);
   EXPECT_EQ(error.instances, (std::vector<std::string>{"abc", "abd"}));
@@ -219,8 +219,7 @@ TEST_F(SelectionTest, DeadSocketIsNotHealthyEvenWhenOthersRun) {
   EXPECT_EQ(e.code, 1);
 
   f.sock = "";
-  EXPECT_EQ(thrown([&] { instances().resolve(f, true, true); }).message,
-            "no healthy instance at ");
+  EXPECT_EQ(thrown([&] { instances().resolve(f, true, true); }).message, "no healthy instance at ");
 }
 
 TEST_F(SelectionTest, SocketSelectsThatInstanceAlone) {
@@ -366,9 +365,9 @@ TEST_F(SelectionTest, DevAppFileWithAnotherPidIsDeleted) {
 
 TEST_F(SelectionTest, DevAppSocketOutsideTheRuntimeRootIsIgnored) {
   enterCheckout();
-  FakeInstanceServer far(tmp / "elsewhere/1/fs.sock",
-                         FakeInstanceServer::answering(
-                             testing::record("far", 1, tmp / "elsewhere/1/fs.sock").json()));
+  FakeInstanceServer far(
+      tmp / "elsewhere/1/fs.sock",
+      FakeInstanceServer::answering(testing::record("far", 1, tmp / "elsewhere/1/fs.sock").json()));
   writeDevApp(1, tmp / "elsewhere/1/fs.sock");
   EXPECT_FALSE(instances().own());
   EXPECT_TRUE(testing::exists(devAppFile()));
@@ -379,11 +378,11 @@ TEST_F(SelectionTest, BadDevAppFilesAreIgnoredAndKept) {
   enterCheckout();
   InstanceInfo mine = add("mine", "", 4242);
   const std::string sock = JSON(mine.socketPath).serialized(0);
-  for (const std::string& text :
-       {std::string("not json"), std::string("{\"pid\": 4242}"),
-        "{\"pid\": \"4242\", \"socketPath\": " + sock + "}",
-        "{\"pid\": 4242.5, \"socketPath\": " + sock + "}", std::string("{\"pid\": 4242, \"socketPath\": \"\"}"),
-        std::string("[]"), std::string("\xff\xfe")}) {
+  for (const std::string& text : {std::string("not json"), std::string("{\"pid\": 4242}"),
+                                  "{\"pid\": \"4242\", \"socketPath\": " + sock + "}",
+                                  "{\"pid\": 4242.5, \"socketPath\": " + sock + "}",
+                                  std::string("{\"pid\": 4242, \"socketPath\": \"\"}"),
+                                  std::string("[]"), std::string("\xff\xfe")}) {
     testing::writeFile(devAppFile(), text);
     EXPECT_FALSE(instances().own()) << text;
     EXPECT_TRUE(testing::exists(devAppFile())) << text;

@@ -207,7 +207,8 @@ class FakeInstanceServer {
         headerEnd = bytes.find("\r\n\r\n");
         if (headerEnd != std::string::npos) {
           std::string header = bytes.substr(0, headerEnd);
-          for (auto& c : header) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+          for (auto& c : header)
+            c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
           size_t at = header.find("content-length:");
           if (at != std::string::npos) wanted = std::stoul(header.substr(at + 15));
         }
@@ -255,7 +256,8 @@ class SleepingChild {
   SleepingChild() {
     pid_ = ::fork();
     if (pid_ == 0) {
-      while (true) ::pause();
+      while (true)
+        ::pause();
     }
     if (pid_ < 0) throw std::runtime_error("fork failed");
   }
