@@ -14,10 +14,14 @@ constexpr uint64_t kOnes = 0x0101010101010101ull;
 constexpr uint64_t kHighs = 0x8080808080808080ull;
 
 // Nonzero when some byte of w is zero.
-inline uint64_t hasZeroByte(uint64_t w) { return (w - kOnes) & ~w & kHighs; }
+inline uint64_t hasZeroByte(uint64_t w) {
+  return (w - kOnes) & ~w & kHighs;
+}
 
 // Nonzero when some byte of w is below n (n <= 128).
-inline uint64_t hasByteBelow(uint64_t w, uint8_t n) { return (w - kOnes * n) & ~w & kHighs; }
+inline uint64_t hasByteBelow(uint64_t w, uint8_t n) {
+  return (w - kOnes * n) & ~w & kHighs;
+}
 
 inline uint64_t load8(const char* p) {
   uint64_t w;
@@ -71,7 +75,8 @@ constexpr char kReplacement[] = "\xEF\xBF\xBD";
 struct EscapeTable {
   bool needs[256] = {};
   constexpr EscapeTable() {
-    for (int c = 0; c < 0x20; ++c) needs[c] = true;
+    for (int c = 0; c < 0x20; ++c)
+      needs[c] = true;
     needs['"'] = needs['\\'] = true;
   }
 };
@@ -229,13 +234,21 @@ std::optional<int64_t> JSON::integer() const {
   return static_cast<int64_t>(*d);
 }
 
-const std::string* JSON::string() const { return std::get_if<std::string>(&v_); }
+const std::string* JSON::string() const {
+  return std::get_if<std::string>(&v_);
+}
 
-const JSON::Object* JSON::members() const { return std::get_if<Object>(&v_); }
+const JSON::Object* JSON::members() const {
+  return std::get_if<Object>(&v_);
+}
 
-JSON::Array* JSON::mutableArray() { return std::get_if<Array>(&v_); }
+JSON::Array* JSON::mutableArray() {
+  return std::get_if<Array>(&v_);
+}
 
-JSON::Object* JSON::mutableObject() { return std::get_if<Object>(&v_); }
+JSON::Object* JSON::mutableObject() {
+  return std::get_if<Object>(&v_);
+}
 
 // Without prepend the given values win and replace the first pair of their key in place; with
 // prepend the given keys move to the front and an existing value wins (the given value is only a
@@ -424,7 +437,9 @@ void JSON::appendNumber(std::string& out, double v) {
   appendShortest(out, v);
 }
 
-bool operator==(const JSON& a, const JSON& b) { return a.v_ == b.v_; }
+bool operator==(const JSON& a, const JSON& b) {
+  return a.v_ == b.v_;
+}
 
 bool isValidUTF8(std::string_view bytes) {
   auto p = reinterpret_cast<const unsigned char*>(bytes.data());

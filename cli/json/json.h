@@ -51,9 +51,9 @@ class JSON {
   bool isTrue() const;                          // only bool true
   std::optional<std::string> error() const;     // last "error" pair, when a string
   std::optional<double> number() const;
-  std::optional<int64_t> integer() const;       // integral and |v| < 9e15
-  const std::string* string() const;            // the text, or nullptr
-  const Object* members() const;                // the pairs, or nullptr
+  std::optional<int64_t> integer() const;  // integral and |v| < 9e15
+  const std::string* string() const;       // the text, or nullptr
+  const Object* members() const;           // the pairs, or nullptr
 
   // Mutable access for building values in place; nullptr unless the value is of that case.
   Array* mutableArray();

@@ -15,8 +15,12 @@
 namespace vorn {
 namespace {
 
-JSON obj(JSON::Object o) { return JSON::object(std::move(o)); }
-JSON arr(JSON::Array a) { return JSON::array(std::move(a)); }
+JSON obj(JSON::Object o) {
+  return JSON::object(std::move(o));
+}
+JSON arr(JSON::Array a) {
+  return JSON::array(std::move(a));
+}
 
 TEST(JSONValue, KindsOfEachCase) {
   EXPECT_EQ(JSON().kind(), JSON::Kind::null);
@@ -365,20 +369,33 @@ std::string referenceQuote(std::string_view s) {
 
 TEST(JSONQuote, MatchesByteWiseReferenceOnRandomStrings) {
   std::mt19937 rng(7);
-  const std::string pieces[] = {"a", "bcdefghij", "\"", "\\", "\n", "\x01", "\x7f", "/",
-                                "\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", "\xFF", "\xC3",
-                                "\xED\xA0\x80", " "};
+  const std::string pieces[] = {"a",
+                                "bcdefghij",
+                                "\"",
+                                "\\",
+                                "\n",
+                                "\x01",
+                                "\x7f",
+                                "/",
+                                "\xC3\xA9",
+                                "\xE2\x82\xAC",
+                                "\xF0\x9F\x98\x80",
+                                "\xFF",
+                                "\xC3",
+                                "\xED\xA0\x80",
+                                " "};
   for (int i = 0; i < 3000; ++i) {
     std::string s;
     int n = static_cast<int>(rng() % 40);
-    for (int k = 0; k < n; ++k) s += pieces[rng() % std::size(pieces)];
+    for (int k = 0; k < n; ++k)
+      s += pieces[rng() % std::size(pieces)];
     ASSERT_EQ(JSON::quote(s), referenceQuote(s)) << i;
   }
 }
 
 TEST(JSONUTF8, ValidTextIsUnchanged) {
-  for (std::string s : {"", "abc", "\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9F\x98\x80",
-                        "\xEF\xBF\xBF", "\xF4\x8F\xBF\xBF", "\xED\x9F\xBF", "\x7f"}) {
+  for (std::string s : {"", "abc", "\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", "\xEF\xBF\xBF",
+                        "\xF4\x8F\xBF\xBF", "\xED\x9F\xBF", "\x7f"}) {
     EXPECT_TRUE(isValidUTF8(s)) << s;
     EXPECT_EQ(toValidUTF8(s), s);
   }
@@ -391,15 +408,15 @@ TEST(JSONUTF8, EachMaximalIllFormedSubpartBecomesOneReplacement) {
   } cases[] = {
       {"\x80", r},
       {"\xBF", r},
-      {"\xC0\xAF", r + r},                  // overlong lead bytes are never valid
+      {"\xC0\xAF", r + r},  // overlong lead bytes are never valid
       {"\xC1\xBF", r + r},
       {"\xE0\x80\x80", r + r + r},          // overlong three-byte form
       {"\xED\xA0\x80", r + r + r},          // a surrogate
       {"\xF4\x90\x80\x80", r + r + r + r},  // above U+10FFFF
       {"\xF5\x80", r + r},
       {"\xFF", r},
-      {"\xE2\x82", r},             // truncated: one replacement
-      {"\xF0\x9F\x98", r},         // truncated four-byte form
+      {"\xE2\x82", r},      // truncated: one replacement
+      {"\xF0\x9F\x98", r},  // truncated four-byte form
       {"\xE2\x82"
        "a",
        r + "a"},
@@ -494,13 +511,15 @@ int significantDigits(const std::string& s) {
 bool isPlainLayout(const std::string& s) {
   size_t i = s[0] == '-';
   size_t digitsStart = i;
-  while (i < s.size() && std::isdigit(static_cast<unsigned char>(s[i]))) ++i;
+  while (i < s.size() && std::isdigit(static_cast<unsigned char>(s[i])))
+    ++i;
   size_t whole = i - digitsStart;
   if (whole == 0 || (whole > 1 && s[digitsStart] == '0')) return false;
   if (i == s.size()) return true;
   if (s[i] != '.') return false;
   size_t fracStart = ++i;
-  while (i < s.size() && std::isdigit(static_cast<unsigned char>(s[i]))) ++i;
+  while (i < s.size() && std::isdigit(static_cast<unsigned char>(s[i])))
+    ++i;
   return i == s.size() && i > fracStart && s.back() != '0';
 }
 
@@ -599,8 +618,8 @@ TEST(JSONNumber, RandomDoublesAreShortestAndReadBack) {
 
 TEST(JSONNumber, SubnormalsAndExtremes) {
   for (double v : {5e-324, -5e-324, 1e-310, 2.2250738585072009e-308, 2.2250738585072014e-308,
-                   1.7976931348623157e308, 9.999999999999999e-5, 1e-4, 1e21, 1e22, 1e23,
-                   4.35, 0.3, 2.0 / 3, 1e15 + 0.5}) {
+                   1.7976931348623157e308, 9.999999999999999e-5, 1e-4, 1e21, 1e22, 1e23, 4.35, 0.3,
+                   2.0 / 3, 1e15 + 0.5}) {
     EXPECT_EQ(checkNumberText(v), "") << v;
   }
 }

@@ -2,7 +2,9 @@
 // lenient about escapes, raw control bytes in strings and number spellings.
 #include <charconv>
 #include <cstring>
+#include <iterator>
 #include <limits>
+#include <vector>
 
 #include "json/json.h"
 
@@ -15,14 +17,17 @@ constexpr int kMaxDepth = 511;  // deepest depth at which a value may stand
 constexpr uint64_t kOnes = 0x0101010101010101ull;
 constexpr uint64_t kHighs = 0x8080808080808080ull;
 
-inline uint64_t hasZeroByte(uint64_t w) { return (w - kOnes) & ~w & kHighs; }
+inline uint64_t hasZeroByte(uint64_t w) {
+  return (w - kOnes) & ~w & kHighs;
+}
 
 struct ByteClasses {
   bool space[256] = {};
   bool number[256] = {};
   constexpr ByteClasses() {
     space[' '] = space['\t'] = space['\n'] = space['\r'] = true;
-    for (int c = '0'; c <= '9'; ++c) number[c] = true;
+    for (int c = '0'; c <= '9'; ++c)
+      number[c] = true;
     number['+'] = number['-'] = number['.'] = number['e'] = number['E'] = true;
   }
 };
@@ -47,8 +52,7 @@ void appendScalar(std::string& out, uint32_t c) {
     out.append(b, 3);
   } else {
     char b[4] = {static_cast<char>(0xF0 | (c >> 18)), static_cast<char>(0x80 | ((c >> 12) & 0x3F)),
-                 static_cast<char>(0x80 | ((c >> 6) & 0x3F)),
-                 static_cast<char>(0x80 | (c & 0x3F))};
+                 static_cast<char>(0x80 | ((c >> 6) & 0x3F)), static_cast<char>(0x80 | (c & 0x3F))};
     out.append(b, 4);
   }
 }
@@ -113,7 +117,8 @@ class JSONParser {
   }
 
   void skipSpace() {
-    while (p_ < end_ && kClass.space[static_cast<unsigned char>(*p_)]) ++p_;
+    while (p_ < end_ && kClass.space[static_cast<unsigned char>(*p_)])
+      ++p_;
   }
 
   // Reads one value standing at the given depth into out; callers skip whitespace around it.
@@ -155,16 +160,21 @@ class JSONParser {
     p_ += length;
   }
 
+  // Elements and members are gathered on stacks shared by all levels and then moved into a
+  // container of the exact size: one allocation per container instead of one per growth step.
   void array(int depth, JSON& out) {
-    JSON::Array& elements = out.v_.emplace<JSON::Array>();
+    size_t base = values_.size();
     ++p_;
     skipSpace();
     if (p_ < end_ && *p_ == ']') {
       ++p_;
+      out.v_.emplace<JSON::Array>();
       return;
     }
     for (;;) {
-      value(depth + 1, elements.emplace_back());
+      JSON element;
+      value(depth + 1, element);
+      values_.push_back(std::move(element));
       skipSpace();
       if (p_ == end_) fail("unterminated array");
       if (*p_ == ',') {
@@ -174,30 +184,35 @@ class JSONParser {
       }
       if (*p_ == ']') {
         ++p_;
-        return;
+        break;
       }
       fail("expected , or ]");
     }
+    out.v_.emplace<JSON::Array>(std::make_move_iterator(values_.begin() + base),
+                                std::make_move_iterator(values_.end()));
+    values_.resize(base);
   }
 
   void object(int depth, JSON& out) {
-    JSON::Object& members = out.v_.emplace<JSON::Object>();
+    size_t base = members_.size();
     ++p_;
     skipSpace();
     if (p_ < end_ && *p_ == '}') {
       ++p_;
+      out.v_.emplace<JSON::Object>();
       return;
     }
     for (;;) {
       if (p_ == end_) fail("unterminated object");
       if (*p_ != '"') fail("expected a key");
-      JSON::Member& member = members.emplace_back();
+      JSON::Member member;
       string(member.first);
       skipSpace();
       if (p_ == end_ || *p_ != ':') fail("expected :");
       ++p_;
       skipSpace();
       value(depth + 1, member.second);
+      members_.push_back(std::move(member));
       skipSpace();
       if (p_ == end_) fail("unterminated object");
       if (*p_ == ',') {
@@ -207,10 +222,13 @@ class JSONParser {
       }
       if (*p_ == '}') {
         ++p_;
-        return;
+        break;
       }
       fail("expected , or }");
     }
+    out.v_.emplace<JSON::Object>(std::make_move_iterator(members_.begin() + base),
+                                 std::make_move_iterator(members_.end()));
+    members_.resize(base);
   }
 
   // The position is at the opening quote. Runs of plain bytes are copied with one append; the
@@ -305,7 +323,8 @@ class JSONParser {
   // infinity (printed as null) or zero.
   double number() {
     const char* start = p_;
-    while (p_ < end_ && kClass.number[static_cast<unsigned char>(*p_)]) ++p_;
+    while (p_ < end_ && kClass.number[static_cast<unsigned char>(*p_)])
+      ++p_;
     const char* first = start;
     const char* last = p_;
     if (first == last) fail("bad number");
@@ -317,7 +336,8 @@ class JSONParser {
     if (d < last && last - d <= 18) {
       uint64_t u = 0;
       const char* q = d;
-      for (; q < last && *q >= '0' && *q <= '9'; ++q) u = u * 10 + static_cast<uint64_t>(*q - '0');
+      for (; q < last && *q >= '0' && *q <= '9'; ++q)
+        u = u * 10 + static_cast<uint64_t>(*q - '0');
       if (q == last) {
         double v = static_cast<double>(u);
         return negative ? -v : v;
@@ -343,8 +363,13 @@ class JSONParser {
   const char* begin_;
   const char* p_;
   const char* end_;
+  std::vector<JSON> values_;
+  std::vector<JSON::Member> members_;
+  std::string scratch_;
 };
 
-JSON JSON::parse(std::string_view text) { return JSONParser(text).parse(); }
+JSON JSON::parse(std::string_view text) {
+  return JSONParser(text).parse();
+}
 
 }  // namespace vorn

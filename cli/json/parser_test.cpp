@@ -27,7 +27,9 @@ std::string parseError(std::string_view text) {
   return "";
 }
 
-std::string compact(std::string_view text) { return JSON::parse(text).serialized(0); }
+std::string compact(std::string_view text) {
+  return JSON::parse(text).serialized(0);
+}
 
 const std::string kFFFD = "\xEF\xBF\xBD";
 
@@ -69,6 +71,21 @@ TEST(JSONParse, ScalarsAtTopLevel) {
   EXPECT_EQ(JSON::parse("{}"), JSON::object());
   EXPECT_EQ(JSON::parse("[ ]"), JSON::array());
   EXPECT_EQ(JSON::parse("{ }"), JSON::object());
+}
+
+TEST(JSONParse, NestedContainersKeepTheirOwnElements) {
+  JSON want = JSON::array({JSON::array({1, 2}), JSON::array({3, JSON::array({4, 5})}),
+                           JSON::object({{"a", JSON::array({6})}, {"b", JSON::object({{"c", 7}})}}),
+                           8, JSON::array(), JSON::object()});
+  EXPECT_EQ(JSON::parse("[[1,2],[3,[4,5]],{\"a\":[6],\"b\":{\"c\":7}},8,[],{}]"), want);
+
+  std::string big = "[";
+  JSON::Array elements;
+  for (int i = 0; i < 10000; ++i) {
+    big += (i ? ",{\"k\":[" : "{\"k\":[") + std::to_string(i) + "]}";
+    elements.push_back(JSON::object({{"k", JSON::array({i})}}));
+  }
+  EXPECT_EQ(JSON::parse(big + "]"), JSON::array(std::move(elements)));
 }
 
 TEST(JSONParse, ArrayErrors) {
@@ -140,12 +157,12 @@ TEST(JSONParse, Escapes) {
 }
 
 TEST(JSONParse, LoneAndMismatchedSurrogates) {
-  EXPECT_EQ(str("\"\\ude00\""), kFFFD);                   // lone low
-  EXPECT_EQ(str("\"\\ud83dx\""), kFFFD + "x");            // high, then a plain byte
-  EXPECT_EQ(str("\"\\ud83d\\n\""), kFFFD + "\n");         // high, then another escape
-  EXPECT_EQ(str("\"\\ude00\\ud83d\""), kFFFD + kFFFD);    // reversed pair
-  EXPECT_EQ(str("\"\\ud800\\ud800\""), kFFFD + kFFFD);    // two highs
-  EXPECT_EQ(str("\"\\ud800\\u0041\""), kFFFD + "A");      // high, then a plain \u
+  EXPECT_EQ(str("\"\\ude00\""), kFFFD);                 // lone low
+  EXPECT_EQ(str("\"\\ud83dx\""), kFFFD + "x");          // high, then a plain byte
+  EXPECT_EQ(str("\"\\ud83d\\n\""), kFFFD + "\n");       // high, then another escape
+  EXPECT_EQ(str("\"\\ude00\\ud83d\""), kFFFD + kFFFD);  // reversed pair
+  EXPECT_EQ(str("\"\\ud800\\ud800\""), kFFFD + kFFFD);  // two highs
+  EXPECT_EQ(str("\"\\ud800\\u0041\""), kFFFD + "A");    // high, then a plain \u
   // A high surrogate followed by a full pair: the first is lone, the pair still joins.
   EXPECT_EQ(str("\"\\ud800\\ud83d\\ude00\""), kFFFD + "\xF0\x9F\x98\x80");
 }
@@ -237,7 +254,8 @@ TEST(JSONParse, IntegerFastPathAgreesWithGeneralConversion) {
     int digits = static_cast<int>(rng() % 18) + 1;
     std::string text;
     if (rng() & 1) text += '-';
-    for (int k = 0; k < digits; ++k) text += static_cast<char>('0' + rng() % 10);
+    for (int k = 0; k < digits; ++k)
+      text += static_cast<char>('0' + rng() % 10);
     double expected = std::strtod(text.c_str(), nullptr);
     std::optional<double> got = JSON::parse(text).number();
     ASSERT_TRUE(got.has_value());
@@ -257,7 +275,8 @@ TEST(JSONParse, NestingLimit) {
   EXPECT_EQ(parseError(nested(513, "")), "nesting too deep at offset 512");
 
   std::string objects;
-  for (int i = 0; i < 511; ++i) objects += "{\"a\":";
+  for (int i = 0; i < 511; ++i)
+    objects += "{\"a\":";
   EXPECT_NO_THROW(JSON::parse(objects + "1" + std::string(511, '}')));
   EXPECT_EQ(parseError(objects + "{\"a\":1}" + std::string(511, '}')),
             "nesting too deep at offset " + std::to_string(511 * 5 + 5));
@@ -267,7 +286,8 @@ TEST(JSONParse, HostileNestingFailsCleanly) {
   EXPECT_EQ(parseError(std::string(100000, '[')), "nesting too deep at offset 512");
   EXPECT_EQ(parseError(nested(100000, "")), "nesting too deep at offset 512");
   std::string mixed;
-  for (int i = 0; i < 50000; ++i) mixed += "[{\"\":";
+  for (int i = 0; i < 50000; ++i)
+    mixed += "[{\"\":";
   EXPECT_EQ(parseError(mixed), "nesting too deep at offset " + std::to_string(256 * 5));
 }
 
@@ -299,7 +319,9 @@ TEST(JSONParse, RoundTripThroughBothIndents) {
 
 // --- the public corpus ---
 
-std::filesystem::path corpus() { return std::filesystem::path(VORN_TESTDATA) / "json-test-suite"; }
+std::filesystem::path corpus() {
+  return std::filesystem::path(VORN_TESTDATA) / "json-test-suite";
+}
 
 std::string readFile(const std::filesystem::path& p) {
   std::ifstream f(p, std::ios::binary);
