@@ -132,7 +132,7 @@ TEST(JSONValue, MutableAccessBuildsInPlace) {
 TEST(JSONValue, CopiesAreIndependent) {
   JSON a = arr({1});
   JSON b = a;
-  b.mutableArray()->push_back(2);
+  b.mutableArray()->emplace_back(2);
   EXPECT_EQ(a.list().size(), 1u);
   EXPECT_EQ(b.list().size(), 2u);
 }
@@ -309,13 +309,14 @@ TEST(JSONQuote, EveryControlByte) {
         expected = buf;
       }
     }
-    EXPECT_EQ(JSON::quote(std::string(1, static_cast<char>(c))), "\"" + expected + "\"") << c;
+    EXPECT_EQ(JSON::quote(std::string(1, static_cast<char>(c))),
+              std::string(1, '"').append(expected).append(1, '"'))
+        << c;
   }
   for (int c = 0x20; c < 0x80; ++c) {
     if (c == '"' || c == '\\') continue;
-    EXPECT_EQ(JSON::quote(std::string(1, static_cast<char>(c))),
-              "\"" + std::string(1, static_cast<char>(c)) + "\"")
-        << c;
+    const char expected[] = {'"', static_cast<char>(c), '"', '\0'};
+    EXPECT_EQ(JSON::quote(std::string(1, static_cast<char>(c))), expected) << c;
   }
 }
 
