@@ -1,8 +1,7 @@
 #include "core/flags.h"
 
-#include <charconv>
-
 #include "core/cli_error.h"
+#include "core/text.h"
 
 namespace vorn {
 
@@ -85,10 +84,8 @@ CliError outputError(std::string_view value, const std::vector<OptionSpec>& verb
 namespace {
 
 std::optional<int64_t> positiveInteger(std::string_view text) {
-  int64_t n = 0;
-  if (text.empty() || !(text[0] >= '0' && text[0] <= '9')) return std::nullopt;
-  auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), n);
-  if (ec != std::errc() || end != text.data() + text.size() || n <= 0) return std::nullopt;
+  std::optional<int64_t> n = parseSignedInteger(text);
+  if (!n || *n <= 0) return std::nullopt;
   return n;
 }
 

@@ -185,6 +185,7 @@ TEST(ParseFlags, PidMustBePositive) {
               std::string("--pid needs a positive integer (got ") + bad + ")");
   }
   EXPECT_EQ(parseFlags({"--pid=17"}, {}).pid, 17);
+  EXPECT_EQ(parseFlags({"--pid", "+17"}, {}).pid, 17);
 }
 
 TEST(ParseFlags, VerbOptionWinsOverAGlobalOfTheSameName) {

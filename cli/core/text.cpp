@@ -1,5 +1,7 @@
 #include "core/text.h"
 
+#include <limits>
+
 namespace vorn {
 
 size_t charCount(std::string_view text) {
@@ -12,6 +14,27 @@ void appendPadded(std::string& out, std::string_view text, size_t width) {
   out += text;
   size_t used = charCount(text);
   if (used < width) out.append(width - used, ' ');
+}
+
+std::optional<int64_t> parseSignedInteger(std::string_view text) {
+  bool negative = false;
+  if (!text.empty() && (text[0] == '+' || text[0] == '-')) {
+    negative = text[0] == '-';
+    text.remove_prefix(1);
+  }
+  if (text.empty()) return std::nullopt;
+  // Accumulated as a negative number so that the most negative value fits too.
+  constexpr int64_t lowest = std::numeric_limits<int64_t>::min();
+  int64_t value = 0;
+  for (char c : text) {
+    if (c < '0' || c > '9') return std::nullopt;
+    int digit = c - '0';
+    if (value < (lowest + digit) / 10) return std::nullopt;
+    value = value * 10 - digit;
+  }
+  if (negative) return value;
+  if (value == lowest) return std::nullopt;
+  return -value;
 }
 
 }  // namespace vorn

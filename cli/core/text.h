@@ -1,6 +1,8 @@
 // Small text helpers shared by the output code.
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -10,5 +12,8 @@ namespace vorn {
 size_t charCount(std::string_view text);
 // text padded with spaces on the right to `width` characters.
 void appendPadded(std::string& out, std::string_view text, size_t width);
+// A base-10 signed 64-bit integer: an optional single "+" or "-", then one or more ASCII
+// digits and nothing else. Nothing on any other text or on overflow.
+std::optional<int64_t> parseSignedInteger(std::string_view text);
 
 }  // namespace vorn

@@ -14,8 +14,10 @@
 #include <fstream>
 #include <sstream>
 
+#include "core/text.h"
 #include "instances/instances.h"
 #include "transport/transport.h"
+#include "transport/unique_fd.h"
 #include "verbs/paths.h"
 
 namespace vorn {
@@ -24,21 +26,6 @@ namespace {
 
 // A folder tree deeper than this is not one an instance made; removal gives up.
 constexpr int maxRemoveDepth = 64;
-
-// A file descriptor that closes itself.
-class UniqueFd {
- public:
-  explicit UniqueFd(int fd) : fd_(fd) {}
-  UniqueFd(const UniqueFd&) = delete;
-  UniqueFd& operator=(const UniqueFd&) = delete;
-  ~UniqueFd() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 // A directory stream that closes itself (and with it the descriptor it was opened on).
 class UniqueDir {
@@ -118,33 +105,6 @@ bool removeTree(const std::string& dir, const struct stat& seen) {
   }
   if (!emptyDirectory(self.get(), 0)) return false;
   return ::unlinkat(parent.get(), name.c_str(), AT_REMOVEDIR) == 0;
-}
-
-// A runtime folder name as a process id: an optional sign and decimal digits that fit in 64
-// bits. Anything else is not an instance folder.
-std::optional<int64_t> parseFolderName(std::string_view name) {
-  size_t i = 0;
-  bool negative = false;
-  if (!name.empty() && (name[0] == '+' || name[0] == '-')) {
-    negative = name[0] == '-';
-    i = 1;
-  }
-  if (i == name.size()) return std::nullopt;
-  // Accumulate towards the sign so that INT64_MIN parses as well.
-  int64_t value = 0;
-  for (; i < name.size(); ++i) {
-    char c = name[i];
-    if (c < '0' || c > '9') return std::nullopt;
-    int digit = c - '0';
-    if (negative) {
-      if (value < (INT64_MIN + digit) / 10) return std::nullopt;
-      value = value * 10 - digit;
-    } else {
-      if (value > (INT64_MAX - digit) / 10) return std::nullopt;
-      value = value * 10 + digit;
-    }
-  }
-  return value;
 }
 
 bool fitsProcessId(int64_t pid) {
@@ -308,7 +268,7 @@ Scan Instances::scan(bool prune) const {
   }
 
   for (const std::string& name : names) {
-    std::optional<int64_t> pid = parseFolderName(name);
+    std::optional<int64_t> pid = parseSignedInteger(name);
     // A name beyond the 32-bit range cannot be a process id, so it is not an instance folder.
     if (!pid || !fitsProcessId(*pid)) continue;
     std::string dir = Paths::join({root, name});

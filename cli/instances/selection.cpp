@@ -7,6 +7,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "core/text.h"
 #include "hosts/delegate.h"
 #include "instances/instances.h"
 #include "transport/transport.h"
@@ -32,31 +33,6 @@ std::optional<std::string> readTextFile(const std::string& path) {
   std::string bytes = text.str();
   if (!isValidUTF8(bytes)) return std::nullopt;
   return bytes;
-}
-
-// A decimal integer with an optional sign, fitting in 64 bits; nothing otherwise.
-std::optional<int64_t> parseDecimal(std::string_view text) {
-  size_t i = 0;
-  bool negative = false;
-  if (!text.empty() && (text[0] == '+' || text[0] == '-')) {
-    negative = text[0] == '-';
-    i = 1;
-  }
-  if (i == text.size()) return std::nullopt;
-  int64_t value = 0;
-  for (; i < text.size(); ++i) {
-    char c = text[i];
-    if (c < '0' || c > '9') return std::nullopt;
-    int digit = c - '0';
-    if (negative) {
-      if (value < (INT64_MIN + digit) / 10) return std::nullopt;
-      value = value * 10 - digit;
-    } else {
-      if (value > (INT64_MAX - digit) / 10) return std::nullopt;
-      value = value * 10 + digit;
-    }
-  }
-  return value;
 }
 
 // The record the instance gives now through the socket we know it by, as a probe builds it.
@@ -157,7 +133,7 @@ std::vector<InstanceInfo> Instances::implicitPool(const std::vector<InstanceInfo
   std::string root = Paths::real(*checkout);
   std::optional<int64_t> envPid;
   if (const std::string* value = ctx.getenv("VORN_PID"); value && !value->empty()) {
-    envPid = parseDecimal(*value);
+    envPid = parseSignedInteger(*value);
   }
   std::vector<InstanceInfo> kept;
   for (const auto& instance : instances) {

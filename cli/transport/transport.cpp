@@ -12,6 +12,8 @@
 #include <exception>
 #include <utility>
 
+#include "transport/unique_fd.h"
+
 namespace vorn {
 
 namespace {
@@ -21,21 +23,6 @@ namespace {
 constexpr size_t maxSocketPathBytes = 103;
 constexpr size_t readChunkBytes = 65536;
 constexpr size_t errorExcerptChars = 120;
-
-// A file descriptor that closes itself on every path out of a scope.
-class UniqueFd {
- public:
-  explicit UniqueFd(int fd) : fd_(fd) {}
-  UniqueFd(const UniqueFd&) = delete;
-  UniqueFd& operator=(const UniqueFd&) = delete;
-  ~UniqueFd() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 std::string systemError(std::string_view prefix, int err) {
   std::string out(prefix);

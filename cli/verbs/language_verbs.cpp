@@ -1,35 +1,14 @@
 // language status/hover/definition/type-definition. Positions go out 0-based exactly as typed.
 #include "verbs/language_verbs.h"
 
-#include <limits>
 #include <utility>
 
 #include "core/cli_error.h"
+#include "core/text.h"
 #include "instances/instances.h"
 #include "verbs/command_verbs.h"
 
 namespace vorn {
-
-std::optional<int64_t> parseSignedInteger(std::string_view text) {
-  bool negative = false;
-  if (!text.empty() && (text[0] == '+' || text[0] == '-')) {
-    negative = text[0] == '-';
-    text.remove_prefix(1);
-  }
-  if (text.empty()) return std::nullopt;
-  // Accumulated as a negative number so that the most negative value fits too.
-  constexpr int64_t lowest = std::numeric_limits<int64_t>::min();
-  int64_t value = 0;
-  for (char c : text) {
-    if (c < '0' || c > '9') return std::nullopt;
-    int digit = c - '0';
-    if (value < (lowest + digit) / 10) return std::nullopt;
-    value = value * 10 - digit;
-  }
-  if (negative) return value;
-  if (value == lowest) return std::nullopt;
-  return -value;
-}
 
 JSON positionBody(const Flags& flags, const std::string& verb) {
   if (flags.args.size() < 3) {

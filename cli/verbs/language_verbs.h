@@ -12,10 +12,6 @@
 
 namespace vorn {
 
-// A base-10 signed 64-bit integer: an optional single "+" or "-", then one or more ASCII
-// digits and nothing else. Nothing on any other text or on overflow.
-std::optional<int64_t> parseSignedInteger(std::string_view text);
-
 // The body {"path", "line", "character"} of a position query; throws the verb's usage errors.
 JSON positionBody(const Flags& flags, const std::string& verb);
 

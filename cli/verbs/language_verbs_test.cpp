@@ -9,46 +9,6 @@
 namespace vorn {
 namespace {
 
-TEST(ParseSignedInteger, Accepts) {
-  EXPECT_EQ(parseSignedInteger("0"), 0);
-  EXPECT_EQ(parseSignedInteger("9"), 9);
-  EXPECT_EQ(parseSignedInteger("+3"), 3);
-  EXPECT_EQ(parseSignedInteger("-1"), -1);
-  EXPECT_EQ(parseSignedInteger("-0"), 0);
-  EXPECT_EQ(parseSignedInteger("007"), 7);
-  EXPECT_EQ(parseSignedInteger("9223372036854775807"), INT64_MAX);
-  EXPECT_EQ(parseSignedInteger("+9223372036854775807"), INT64_MAX);
-  EXPECT_EQ(parseSignedInteger("-9223372036854775808"), INT64_MIN);
-  EXPECT_EQ(parseSignedInteger("00000000000000000000009223372036854775807"), INT64_MAX);
-}
-
-TEST(ParseSignedInteger, Rejects) {
-  for (const char* text : {"",
-                           "+",
-                           "-",
-                           "3.0",
-                           " 3",
-                           "3 ",
-                           "\t3",
-                           "+-3",
-                           "-+3",
-                           "++3",
-                           "--3",
-                           "0x10",
-                           "1e3",
-                           "3a",
-                           "a3",
-                           "\xD9\xA3",
-                           "9223372036854775808",
-                           "-9223372036854775809",
-                           "+9223372036854775808",
-                           "99999999999999999999",
-                           "18446744073709551616"}) {
-    EXPECT_EQ(parseSignedInteger(text), std::nullopt) << '"' << text << '"';
-  }
-  EXPECT_EQ(parseSignedInteger(std::string_view("1\0", 2)), std::nullopt);
-}
-
 Flags withArgs(std::vector<std::string> args) {
   Flags flags;
   flags.args = std::move(args);
