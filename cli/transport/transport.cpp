@@ -23,6 +23,8 @@ namespace {
 constexpr size_t maxSocketPathBytes = 103;
 constexpr size_t readChunkBytes = 65536;
 constexpr size_t errorExcerptChars = 120;
+// A reply announcing more than this is received in growing pieces rather than trusted.
+constexpr uint64_t maxPresizeBytes = uint64_t{256} << 20;
 
 std::string systemError(std::string_view prefix, int err) {
   std::string out(prefix);
@@ -91,27 +93,6 @@ void writeAll(int fd, std::string_view bytes) {
   }
 }
 
-// Everything the peer sends until it closes, received 64 KiB at a time straight into the
-// result's spare room. The room doubles when it runs short, so a large reply costs one pass
-// and amortised growth whatever the sizes of the pieces it arrives in.
-std::string readAll(int fd) {
-  std::string out(readChunkBytes, '\0');
-  size_t used = 0;
-  while (true) {
-    if (out.size() - used < readChunkBytes)
-      out.resize(std::max(out.size() * 2, used + readChunkBytes));
-    ssize_t n = ::recv(fd, out.data() + used, readChunkBytes, 0);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      throw TransportError{systemError("read: ", errno)};
-    }
-    if (n == 0) break;
-    used += static_cast<size_t>(n);
-  }
-  out.resize(used);
-  return out;
-}
-
 size_t indexOf(std::string_view haystack, std::string_view needle, size_t from = 0) {
   return haystack.find(needle, from);
 }
@@ -171,6 +152,98 @@ std::string_view firstCharacters(std::string_view text, size_t limit) {
   return text;
 }
 
+// What the header of a reply says about its body.
+struct Head {
+  int status = 0;
+  size_t bodyStart = 0;  // the first byte after the blank line
+  bool chunked = false;
+  std::optional<uint64_t> contentLength;  // when it is a plain decimal number
+};
+
+// Reads the status line and the header fields; throws TransportError when there is no blank
+// line or no numeric status.
+Head parseHead(std::string_view bytes) {
+  size_t headerEnd = indexOf(bytes, "\r\n\r\n");
+  if (headerEnd == std::string_view::npos) throw TransportError{"malformed HTTP reply"};
+  std::string_view header = bytes.substr(0, headerEnd);
+  Head head;
+  head.bodyStart = headerEnd + 4;
+
+  size_t lineEnd = indexOf(header, "\r\n");
+  std::string_view statusLine = header.substr(0, lineEnd);
+  std::string_view fields =
+      lineEnd == std::string_view::npos ? std::string_view() : header.substr(lineEnd + 2);
+
+  // The status is the second space-separated field; the version before it is not checked.
+  std::string_view rest = statusLine;
+  size_t space = rest.find(' ');
+  if (space == std::string_view::npos) throw TransportError{"malformed HTTP status line"};
+  rest = rest.substr(space + 1);
+  while (!rest.empty() && rest.front() == ' ')
+    rest.remove_prefix(1);
+  std::string_view code = rest.substr(0, rest.find(' '));
+  auto status = parseUnsigned(code, 10);
+  if (!status || *status > 999999999) throw TransportError{"malformed HTTP status line"};
+  head.status = static_cast<int>(*status);
+
+  // Names compare without regard to case; of repeated fields the last one counts.
+  while (!fields.empty()) {
+    size_t end = indexOf(fields, "\r\n");
+    std::string_view line = fields.substr(0, end);
+    fields = end == std::string_view::npos ? std::string_view() : fields.substr(end + 2);
+    size_t colon = line.find(':');
+    if (colon == std::string_view::npos) continue;
+    std::string name = lowered(trim(line.substr(0, colon)));
+    std::string_view value = trim(line.substr(colon + 1));
+    if (name == "transfer-encoding") {
+      head.chunked = lowered(value) == "chunked";
+    } else if (name == "content-length") {
+      head.contentLength = parseUnsigned(value, 10);
+    }
+  }
+  return head;
+}
+
+// The whole size a reply announces (header and body), once its header has arrived.
+std::optional<size_t> announcedSize(std::string_view received) {
+  if (indexOf(received, "\r\n\r\n") == std::string_view::npos) return std::nullopt;
+  try {
+    Head head = parseHead(received);
+    if (head.chunked || !head.contentLength || *head.contentLength > maxPresizeBytes) return 0;
+    return head.bodyStart + static_cast<size_t>(*head.contentLength);
+  } catch (const TransportError&) {
+    return 0;
+  }
+}
+
+// Everything the peer sends until it closes, received straight into the result's spare room.
+// Once the header has told the body's length the room is made exactly that large, so a big
+// reply is neither copied nor over-allocated; otherwise the room doubles when it runs out.
+std::string readAll(int fd) {
+  std::string out(readChunkBytes, '\0');
+  size_t used = 0;
+  bool presized = false;
+  while (true) {
+    if (used == out.size()) out.resize(out.size() * 2);
+    ssize_t n = ::recv(fd, out.data() + used, out.size() - used, 0);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      throw TransportError{systemError("read: ", errno)};
+    }
+    if (n == 0) break;
+    used += static_cast<size_t>(n);
+    if (!presized) {
+      if (auto size = announcedSize(std::string_view(out.data(), used))) {
+        presized = true;
+        // One spare byte so that the closing receive of 0 bytes needs no growth.
+        if (*size + 1 > out.size()) out.resize(*size + 1);
+      }
+    }
+  }
+  out.resize(used);
+  return out;
+}
+
 }  // namespace
 
 namespace Transport {
@@ -217,72 +290,49 @@ std::string dechunk(std::string_view body) {
   return out;
 }
 
-Reply parseResponse(std::string_view bytes) {
-  size_t headerEnd = indexOf(bytes, "\r\n\r\n");
-  if (headerEnd == std::string_view::npos) throw TransportError{"malformed HTTP reply"};
-  std::string_view header = bytes.substr(0, headerEnd);
-  std::string_view body = bytes.substr(headerEnd + 4);
-
-  size_t lineEnd = indexOf(header, "\r\n");
-  std::string_view statusLine = header.substr(0, lineEnd);
-  std::string_view fields =
-      lineEnd == std::string_view::npos ? std::string_view() : header.substr(lineEnd + 2);
-
-  // The status is the second space-separated field; the version before it is not checked.
-  std::string_view rest = statusLine;
-  size_t space = rest.find(' ');
-  if (space == std::string_view::npos) throw TransportError{"malformed HTTP status line"};
-  rest = rest.substr(space + 1);
-  while (!rest.empty() && rest.front() == ' ')
-    rest.remove_prefix(1);
-  std::string_view code = rest.substr(0, rest.find(' '));
-  auto status = parseUnsigned(code, 10);
-  if (!status || *status > 999999999) throw TransportError{"malformed HTTP status line"};
-
-  std::string transferEncoding;
-  std::optional<std::string_view> contentLength;
-  while (!fields.empty()) {
-    size_t end = indexOf(fields, "\r\n");
-    std::string_view line = fields.substr(0, end);
-    fields = end == std::string_view::npos ? std::string_view() : fields.substr(end + 2);
-    size_t colon = line.find(':');
-    if (colon == std::string_view::npos) continue;
-    std::string name = lowered(trim(line.substr(0, colon)));
-    std::string_view value = trim(line.substr(colon + 1));
-    if (name == "transfer-encoding") {
-      transferEncoding = lowered(value);
-    } else if (name == "content-length") {
-      contentLength = value;
-    }
-  }
-
-  std::string decoded;
-  if (transferEncoding == "chunked") {
-    decoded = toValidUTF8(dechunk(body));
+RawReply parseRawResponse(std::string bytes) {
+  Head head = parseHead(bytes);
+  std::string body;
+  if (head.chunked) {
+    body = dechunk(std::string_view(bytes).substr(head.bodyStart));
+    bytes = std::string();
   } else {
-    if (contentLength) {
-      // Extra bytes are ignored; fewer than announced are taken as they came.
-      auto length = parseUnsigned(*contentLength, 10);
-      if (length && *length < body.size()) body = body.substr(0, *length);
+    // The body is cut out of the received bytes in place. Extra bytes are ignored; fewer than
+    // announced are taken as they came.
+    body = std::move(bytes);
+    body.erase(0, head.bodyStart);
+    if (head.contentLength && *head.contentLength < body.size()) {
+      body.resize(static_cast<size_t>(*head.contentLength));
     }
-    decoded = toValidUTF8(body);
   }
+  if (!isValidUTF8(body)) body = toValidUTF8(body);
+  return RawReply{head.status, std::move(body)};
+}
 
+JSON notJSON(int status, std::string_view text) {
+  std::string message = "HTTP " + std::to_string(status) + ": not JSON (";
+  message.append(firstCharacters(text, errorExcerptChars));
+  message.push_back(')');
+  return JSON::object({{"error", JSON(std::move(message))}});
+}
+
+Reply toReply(const RawReply& raw) {
   Reply reply;
-  reply.status = static_cast<int>(*status);
+  reply.status = raw.status;
   try {
-    reply.body = JSON::parse(decoded);
+    reply.body = JSON::parse(raw.body);
   } catch (const JSONParseError&) {
-    std::string message = "HTTP " + std::to_string(reply.status) + ": not JSON (";
-    message.append(firstCharacters(decoded, errorExcerptChars));
-    message.push_back(')');
-    reply.body = JSON::object({{"error", JSON(std::move(message))}});
+    reply.body = notJSON(raw.status, raw.body);
   }
   return reply;
 }
 
-Reply request(const std::string& sock, std::string_view method, std::string_view path,
-              const JSON* body) {
+Reply parseResponse(std::string_view bytes) {
+  return toReply(parseRawResponse(std::string(bytes)));
+}
+
+RawReply exchange(const std::string& sock, std::string_view method, std::string_view path,
+                  const JSON* body) {
   std::string bytes;
   {
     UniqueFd fd(openSocket());
@@ -290,7 +340,12 @@ Reply request(const std::string& sock, std::string_view method, std::string_view
     writeAll(fd.get(), buildRequest(method, path, body));
     bytes = readAll(fd.get());
   }
-  return parseResponse(bytes);
+  return parseRawResponse(std::move(bytes));
+}
+
+Reply request(const std::string& sock, std::string_view method, std::string_view path,
+              const JSON* body) {
+  return toReply(exchange(sock, method, path, body));
 }
 
 JSON getJSON(const std::string& sock, std::string_view path) {

@@ -15,6 +15,12 @@ struct Reply {
   bool ok() const { return status >= 200 && status <= 299; }
 };
 
+// A reply before its body is read as JSON: the status and the body as valid UTF-8 text.
+struct RawReply {
+  int status = 0;
+  std::string body;
+};
+
 struct TransportError {
   std::string description;
 };
@@ -24,12 +30,21 @@ namespace Transport {
 // Throws TransportError.
 Reply request(const std::string& sock, std::string_view method, std::string_view path,
               const JSON* body = nullptr);
+// The same exchange, with the body left as text (for printing large replies without
+// building them as values first). Throws TransportError.
+RawReply exchange(const std::string& sock, std::string_view method, std::string_view path,
+                  const JSON* body = nullptr);
+// The body read as JSON; a body that is not JSON becomes {"error": "HTTP <status>: not JSON
+// (<its first 120 characters>)"}.
+Reply toReply(const RawReply& raw);
+JSON notJSON(int status, std::string_view text);
 // A GET whose failures are folded into the returned value; never throws.
 JSON getJSON(const std::string& sock, std::string_view path);
 
 // The request bytes that request() sends (exposed for tests).
 std::string buildRequest(std::string_view method, std::string_view path, const JSON* body);
 // Parses raw reply bytes; throws TransportError.
+RawReply parseRawResponse(std::string bytes);
 Reply parseResponse(std::string_view bytes);
 // Decodes a chunked body; throws TransportError.
 std::string dechunk(std::string_view body);

@@ -503,6 +503,37 @@ TEST(TransportRequest, LargeReplyArrivesWhole) {
   EXPECT_EQ(*r.body.string(), text);
 }
 
+TEST(TransportRequest, ExchangeLeavesTheBodyAsText) {
+  TestServer server;
+  server.serve(TestServer::Mode::reply,
+               "HTTP/1.1 201 Created\r\nContent-Length: 12\r\n\r\n{\"a\": [1, 2]}extra");
+  RawReply raw = Transport::exchange(server.path(), "GET", "/x");
+  EXPECT_EQ(raw.status, 201);
+  EXPECT_EQ(raw.body, "{\"a\": [1, 2]");
+  EXPECT_EQ(Transport::toReply(raw).body.serialized(0), "{\"error\":\"HTTP 201: not JSON ({\\\"a\\\": [1, 2])\"}");
+}
+
+// A length far beyond what arrives is not trusted for the receive buffer.
+TEST(TransportRequest, AHugeAnnouncedLengthIsNotAllocated) {
+  TestServer server;
+  server.serve(TestServer::Mode::reply,
+               "HTTP/1.1 200 OK\r\nContent-Length: 9000000000000000000\r\n\r\n{\"ok\":true}");
+  Reply r = Transport::request(server.path(), "GET", "/x");
+  EXPECT_TRUE(r.ok());
+  EXPECT_TRUE(r.body.get("ok")->isTrue());
+}
+
+TEST(TransportRequest, AnnouncedLengthLargerThanTheBodyTakesWhatCame) {
+  TestServer server;
+  server.serve(TestServer::Mode::reply, "HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n[1]");
+  EXPECT_EQ(Transport::request(server.path(), "GET", "/x").body.serialized(0), "[1]");
+}
+
+TEST(TransportParse, RawResponseRepairsInvalidUtf8) {
+  RawReply raw = Transport::parseRawResponse("HTTP/1.1 200 OK\r\n\r\n\"a\xff\"");
+  EXPECT_EQ(raw.body, "\"a\xEF\xBF\xBD\"");
+}
+
 TEST(TransportRequest, CloseWithoutReplyIsMalformed) {
   TestServer server;
   server.serve(TestServer::Mode::closeAfterRequest);
