@@ -3,7 +3,6 @@
 
 #include <charconv>
 #include <cmath>
-#include <cstdio>
 #include <cstring>
 
 namespace vorn {
@@ -428,10 +427,16 @@ void JSON::appendNumber(std::string& out, double v) {
       return;
     }
   } else if (a < 1e21) {
-    // Every double this large is integral; print all of its digits.
+    // Every double this large is integral and below 2^70: print all of its digits exactly.
+    auto n = static_cast<unsigned __int128>(a);
     char buf[32];
-    int n = std::snprintf(buf, sizeof buf, "%.0f", v);
-    out.append(buf, n);
+    char* p = buf + sizeof buf;
+    do {
+      *--p = static_cast<char>('0' + static_cast<int>(n % 10));
+      n /= 10;
+    } while (n);
+    if (v < 0) *--p = '-';
+    out.append(p, buf + sizeof buf - p);
     return;
   }
   appendShortest(out, v);

@@ -582,7 +582,7 @@ std::string checkNumberText(double v) {
 
 TEST(JSONNumber, RandomDoublesAreShortestAndReadBack) {
   std::mt19937_64 rng(20240611);
-  int checked = 0;
+  int checked = 0, subnormal = 0, largeIntegral = 0, plainFraction = 0, exponentForm = 0;
   for (int i = 0; i < 200000; ++i) {
     double v;
     switch (i % 4) {
@@ -613,8 +613,18 @@ TEST(JSONNumber, RandomDoublesAreShortestAndReadBack) {
     std::string complaint = checkNumberText(v);
     ASSERT_EQ(complaint, "") << "value bits " << std::hexfloat << v;
     ++checked;
+    double a = std::fabs(v);
+    if (a != 0 && a < std::numeric_limits<double>::min()) ++subnormal;
+    if (a >= 9.2e18 && a < 1e21) ++largeIntegral;
+    if (std::trunc(v) != v && a >= 1e-4) ++plainFraction;
+    if (JSON::formatNumber(v).find('e') != std::string::npos) ++exponentForm;
   }
   EXPECT_GT(checked, 190000);
+  // Every region of the layout was reached.
+  EXPECT_GT(subnormal, 10);
+  EXPECT_GT(largeIntegral, 100);
+  EXPECT_GT(plainFraction, 10000);
+  EXPECT_GT(exponentForm, 10000);
 }
 
 TEST(JSONNumber, SubnormalsAndExtremes) {
