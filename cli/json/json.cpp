@@ -366,46 +366,42 @@ std::string JSON::quote(std::string_view s) {
 }
 
 // Copies runs of plain bytes in one append. Ill-formed UTF-8 (possible only in strings built by
-// the program itself, e.g. from file names) comes out as U+FFFD so the text is always valid.
+// the program itself, e.g. from file names) comes out as U+FFFD so the text is always valid; the
+// check runs only over strings that hold a non-ASCII byte.
 void JSON::appendQuoted(std::string& out, std::string_view s) {
+  const size_t start = out.size();
   const char* p = s.data();
   const char* end = p + s.size();
+  uint64_t high = 0;
   out.push_back('"');
   const char* run = p;
   while (p < end) {
     if (end - p >= 8) {
       uint64_t w = load8(p);
       if (!((hasByteBelow(w, 0x20) | hasZeroByte(w ^ (kOnes * '"')) |
-             hasZeroByte(w ^ (kOnes * '\\')) | w) &
+             hasZeroByte(w ^ (kOnes * '\\'))) &
             kHighs)) {
+        high |= w;
         p += 8;
         continue;
       }
     }
     auto c = static_cast<unsigned char>(*p);
-    if (c < 0x80) {
-      if (kEscape.needs[c]) {
-        out.append(run, p - run);
-        appendEscaped(out, c);
-        run = p + 1;
-      }
-      ++p;
-      continue;
+    if (kEscape.needs[c]) {
+      out.append(run, p - run);
+      appendEscaped(out, c);
+      run = p + 1;
+    } else {
+      high |= c;
     }
-    int bad = 0;
-    int len = utf8SequenceLength(reinterpret_cast<const unsigned char*>(p),
-                                 reinterpret_cast<const unsigned char*>(end), &bad);
-    if (len) {
-      p += len;
-      continue;
-    }
-    out.append(run, p - run);
-    out.append(kReplacement, 3);
-    p += bad;
-    run = p;
+    ++p;
   }
   out.append(run, p - run);
   out.push_back('"');
+  if ((high & kHighs) && !isValidUTF8(s)) {
+    out.resize(start);
+    appendQuoted(out, toValidUTF8(s));
+  }
 }
 
 std::string JSON::formatNumber(double v) {
