@@ -53,6 +53,16 @@ std::string printed(const JSON& value) {
   return value.serialized(2) + "\n";
 }
 
+// A reply body as printed() would show it, written straight from the received text: a large
+// reply (a whole file tree) is never held as a value as well.
+std::string printedBody(const RawReply& reply) {
+  try {
+    return JSON::reformat(reply.body, 2) + "\n";
+  } catch (const JSONParseError&) {
+    return printed(Transport::notJSON(reply.status, reply.body));
+  }
+}
+
 }  // namespace
 
 const ByteSet& componentSafe() {
@@ -146,15 +156,15 @@ void Instances::readEach(const std::string& method, const std::string& path, con
   if (targets.empty()) throw CliError{"vorn " + label + ": no running instances"};
 
   if (targets.size() == 1 && !flags.json) {
-    Reply reply;
+    RawReply reply;
     try {
-      reply = Transport::request(targets[0].socketPath, method, path, body);
+      reply = Transport::exchange(targets[0].socketPath, method, path, body);
     } catch (const TransportError& e) {
       throw CliError{e.description};
     }
-    ctx.writeOut(printed(reply.body));
+    ctx.writeOut(printedBody(reply));
     // The body printed above already says what went wrong.
-    if (!reply.ok()) throw CliError{"", 1};
+    if (reply.status < 200 || reply.status > 299) throw CliError{"", 1};
     return;
   }
 

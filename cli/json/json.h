@@ -72,11 +72,13 @@ class JSON {
 
   // Throws JSONParseError.
   static JSON parse(std::string_view text);
+  // The text of parse(text).serialized(indent), written as the text is read, without building
+  // the value (for printing large replies). Throws JSONParseError.
+  static std::string reformat(std::string_view text, int indent);
 
   friend bool operator==(const JSON& a, const JSON& b);
 
  private:
-  friend class JSONParser;  // builds values in place
   std::variant<std::nullptr_t, bool, double, std::string, Array, Object> v_;
 };
 

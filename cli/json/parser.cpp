@@ -91,20 +91,20 @@ bool overflows(const char* p, const char* end) {
   return wholeDigits - leadingZeros - 1 + exponent >= 0;
 }
 
-}  // namespace
-
-class JSONParser {
+// The grammar, once. A Sink hears each value as it is read: null, boolean, number, string,
+// beginArray/endArray, beginObject/key/endObject. Strings reach it through a scratch buffer
+// that it may take over.
+template <typename Sink>
+class Reader {
  public:
-  JSONParser(std::string_view text)
-      : begin_(text.data()), p_(text.data()), end_(text.data() + text.size()) {}
+  Reader(std::string_view text, Sink& sink)
+      : begin_(text.data()), p_(text.data()), end_(text.data() + text.size()), sink_(sink) {}
 
-  JSON parse() {
-    JSON out;
+  void parse() {
     skipSpace();
-    value(0, out);
+    value(0);
     skipSpace();
     if (p_ != end_) fail("unexpected trailing data");
-    return out;
   }
 
  private:
@@ -121,34 +121,35 @@ class JSONParser {
       ++p_;
   }
 
-  // Reads one value standing at the given depth into out; callers skip whitespace around it.
-  void value(int depth, JSON& out) {
+  // Reads one value standing at the given depth; callers skip whitespace around it.
+  void value(int depth) {
     if (depth > kMaxDepth) fail("nesting too deep");
     if (p_ == end_) fail("unexpected end");
     switch (*p_) {
       case '"':
-        string(out.v_.emplace<std::string>());
+        string(scratch_);
+        sink_.string(scratch_);
         return;
       case '[':
-        array(depth, out);
+        array(depth);
         return;
       case '{':
-        object(depth, out);
+        object(depth);
         return;
       case 't':
         literal("true", 4);
-        out.v_ = true;
+        sink_.boolean(true);
         return;
       case 'f':
         literal("false", 5);
-        out.v_ = false;
+        sink_.boolean(false);
         return;
       case 'n':
         literal("null", 4);
-        out.v_ = nullptr;
+        sink_.null();
         return;
       default:
-        out.v_ = number();
+        sink_.number(number());
         return;
     }
   }
@@ -160,21 +161,17 @@ class JSONParser {
     p_ += length;
   }
 
-  // Elements and members are gathered on stacks shared by all levels and then moved into a
-  // container of the exact size: one allocation per container instead of one per growth step.
-  void array(int depth, JSON& out) {
-    size_t base = values_.size();
+  void array(int depth) {
     ++p_;
     skipSpace();
+    sink_.beginArray();
     if (p_ < end_ && *p_ == ']') {
       ++p_;
-      out.v_.emplace<JSON::Array>();
+      sink_.endArray();
       return;
     }
     for (;;) {
-      JSON element;
-      value(depth + 1, element);
-      values_.push_back(std::move(element));
+      value(depth + 1);
       skipSpace();
       if (p_ == end_) fail("unterminated array");
       if (*p_ == ',') {
@@ -188,31 +185,28 @@ class JSONParser {
       }
       fail("expected , or ]");
     }
-    out.v_.emplace<JSON::Array>(std::make_move_iterator(values_.begin() + base),
-                                std::make_move_iterator(values_.end()));
-    values_.resize(base);
+    sink_.endArray();
   }
 
-  void object(int depth, JSON& out) {
-    size_t base = members_.size();
+  void object(int depth) {
     ++p_;
     skipSpace();
+    sink_.beginObject();
     if (p_ < end_ && *p_ == '}') {
       ++p_;
-      out.v_.emplace<JSON::Object>();
+      sink_.endObject();
       return;
     }
     for (;;) {
       if (p_ == end_) fail("unterminated object");
       if (*p_ != '"') fail("expected a key");
-      JSON::Member member;
-      string(member.first);
+      string(scratch_);
+      sink_.key(scratch_);
       skipSpace();
       if (p_ == end_ || *p_ != ':') fail("expected :");
       ++p_;
       skipSpace();
-      value(depth + 1, member.second);
-      members_.push_back(std::move(member));
+      value(depth + 1);
       skipSpace();
       if (p_ == end_) fail("unterminated object");
       if (*p_ == ',') {
@@ -226,14 +220,13 @@ class JSONParser {
       }
       fail("expected , or }");
     }
-    out.v_.emplace<JSON::Object>(std::make_move_iterator(members_.begin() + base),
-                                 std::make_move_iterator(members_.end()));
-    members_.resize(base);
+    sink_.endObject();
   }
 
   // The position is at the opening quote. Runs of plain bytes are copied with one append; the
   // collected bytes are checked as UTF-8 only when some byte had its high bit set.
   void string(std::string& out) {
+    out.clear();
     ++p_;
     uint64_t high = 0;
     for (;;) {
@@ -363,13 +356,141 @@ class JSONParser {
   const char* begin_;
   const char* p_;
   const char* end_;
-  std::vector<JSON> values_;
-  std::vector<JSON::Member> members_;
+  Sink& sink_;
   std::string scratch_;
 };
 
+// Builds the value. Finished values wait on one stack shared by all levels until their
+// container closes, and are then moved into a container of the exact size: one allocation per
+// container instead of one per growth step.
+class TreeSink {
+ public:
+  void null() { values_.emplace_back(); }
+  void boolean(bool b) { values_.emplace_back(b); }
+  void number(double v) { values_.emplace_back(v); }
+  void string(std::string& s) { values_.emplace_back(std::move(s)); }
+  void key(std::string& k) { keys_.push_back(std::move(k)); }
+  void beginArray() { frames_.push_back({values_.size(), keys_.size()}); }
+  void beginObject() { frames_.push_back({values_.size(), keys_.size()}); }
+
+  void endArray() {
+    Frame f = frames_.back();
+    frames_.pop_back();
+    JSON::Array array(std::make_move_iterator(values_.begin() + f.values),
+                      std::make_move_iterator(values_.end()));
+    values_.resize(f.values);
+    values_.emplace_back(std::move(array));
+  }
+
+  void endObject() {
+    Frame f = frames_.back();
+    frames_.pop_back();
+    JSON::Object object;
+    object.reserve(values_.size() - f.values);
+    for (size_t i = f.values, k = f.keys; i < values_.size(); ++i, ++k) {
+      object.emplace_back(std::move(keys_[k]), std::move(values_[i]));
+    }
+    values_.resize(f.values);
+    keys_.resize(f.keys);
+    values_.emplace_back(std::move(object));
+  }
+
+  JSON result() { return std::move(values_.back()); }
+
+ private:
+  struct Frame {
+    size_t values;
+    size_t keys;
+  };
+  std::vector<JSON> values_;
+  std::vector<std::string> keys_;
+  std::vector<Frame> frames_;
+};
+
+// Writes the text that serializing the value would give, as the value is read.
+class WriterSink {
+ public:
+  WriterSink(std::string& out, int indent) : out_(out), indent_(indent) {}
+
+  void null() {
+    beforeValue();
+    out_ += "null";
+  }
+  void boolean(bool b) {
+    beforeValue();
+    out_ += b ? "true" : "false";
+  }
+  void number(double v) {
+    beforeValue();
+    JSON::appendNumber(out_, v);
+  }
+  void string(std::string& s) {
+    beforeValue();
+    JSON::appendQuoted(out_, s);
+  }
+  void key(std::string& k) {
+    separate();
+    JSON::appendQuoted(out_, k);
+    out_ += indent_ > 0 ? ": " : ":";
+  }
+  void beginArray() { open('['); }
+  void beginObject() { open('{'); }
+  void endArray() { close(']'); }
+  void endObject() { close('}'); }
+
+ private:
+  // A line feed and the indentation of the given depth (nothing at indent 0).
+  void pad(size_t depth) {
+    if (indent_ <= 0) return;
+    out_.push_back('\n');
+    out_.append(static_cast<size_t>(indent_) * depth, ' ');
+  }
+  // The comma before every entry of a container but the first, and the entry's line.
+  void separate() {
+    if (!open_.back()) out_.push_back(',');
+    open_.back() = false;
+    pad(open_.size());
+  }
+  // In an array a value starts an entry; in an object its key already did.
+  void beforeValue() {
+    if (!inObject_.empty() && !inObject_.back()) separate();
+  }
+  void open(char bracket) {
+    beforeValue();
+    out_.push_back(bracket);
+    open_.push_back(true);
+    inObject_.push_back(bracket == '{');
+  }
+  void close(char bracket) {
+    bool empty = open_.back();
+    open_.pop_back();
+    inObject_.pop_back();
+    if (!empty) pad(open_.size());
+    out_.push_back(bracket);
+  }
+
+  std::string& out_;
+  int indent_;
+  std::vector<bool> open_;      // per level: no entry written yet
+  std::vector<bool> inObject_;  // per level: an object rather than an array
+};
+
+}  // namespace
+
+
 JSON JSON::parse(std::string_view text) {
-  return JSONParser(text).parse();
+  TreeSink sink;
+  Reader<TreeSink>(text, sink).parse();
+  return sink.result();
+}
+
+std::string JSON::reformat(std::string_view text, int indent) {
+  std::string out;
+  // Room for the usual growth of indented text; pages never written cost no memory.
+  out.reserve(2 * text.size() + 64);
+  WriterSink sink(out, indent);
+  Reader<WriterSink>(text, sink).parse();
+  return out;
 }
 
 }  // namespace vorn

@@ -1,0 +1,109 @@
+// reformat must give exactly what parse followed by serialized gives, error messages included.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+
+#include "json/json.h"
+
+namespace vorn {
+namespace {
+
+// What parse + serialized gives: the text, or the error message.
+std::string viaTree(std::string_view text, int indent) {
+  try {
+    return JSON::parse(text).serialized(indent);
+  } catch (const JSONParseError& e) {
+    return "error: " + e.message;
+  }
+}
+
+std::string viaReformat(std::string_view text, int indent) {
+  try {
+    return JSON::reformat(text, indent);
+  } catch (const JSONParseError& e) {
+    return "error: " + e.message;
+  }
+}
+
+void expectSame(std::string_view text) {
+  for (int indent : {0, 2, 4}) {
+    ASSERT_EQ(viaReformat(text, indent), viaTree(text, indent)) << "indent " << indent << ": " << text;
+  }
+}
+
+TEST(JSONReformat, Examples) {
+  EXPECT_EQ(JSON::reformat("{\"a\":1,\"b\":[true]}", 2), "{\n  \"a\": 1,\n  \"b\": [\n    true\n  ]\n}");
+  EXPECT_EQ(JSON::reformat(" [ {} , [ ] ] ", 2), "[\n  {},\n  []\n]");
+  EXPECT_EQ(JSON::reformat("[ {} , [ ] ]", 0), "[{},[]]");
+  EXPECT_EQ(JSON::reformat("\"\\u00e9\\/\"", 2), "\"\u00e9/\"");
+  EXPECT_EQ(JSON::reformat("1.0e0", 2), "1");
+  EXPECT_EQ(JSON::reformat("{\"a\":1,\"a\":2}", 0), "{\"a\":1,\"a\":2}");
+}
+
+TEST(JSONReformat, AgreesWithTheTreeOnHandWrittenCases) {
+  for (const char* text :
+       {"", "   ", "null", "true", "false", "0", "-0", "+5", ".5", "1e400", "\"\"", "[]", "{}",
+        "[[[]]]", "{\"a\":{\"b\":{}}}", "[1,[2,[3,{\"x\":[]}]],{}]", "{\"k\":\"\\ud83d\\ude00\"}",
+        "\"a\xff\"", "[1 2]", "[1,", "[1", "{\"a\" 1}", "{1:2}", "{\"a\":1,}", "[1,]", "nul",
+        "true false", "\"\\u12\"", "\"abc", "{\"a\"", "{\"a\":", "-", "1-2", "[\"\\q\"]"}) {
+    expectSame(text);
+  }
+}
+
+TEST(JSONReformat, AgreesAtTheNestingLimit) {
+  expectSame(std::string(511, '[') + "1" + std::string(511, ']'));
+  expectSame(std::string(512, '[') + "1" + std::string(512, ']'));
+  expectSame(std::string(512, '[') + std::string(512, ']'));
+  expectSame(std::string(100000, '['));
+}
+
+std::string readFile(const std::filesystem::path& p) {
+  std::ifstream f(p, std::ios::binary);
+  std::stringstream ss;
+  ss << f.rdbuf();
+  return ss.str();
+}
+
+TEST(JSONReformat, AgreesOnTheWholeCorpus) {
+  auto dir = std::filesystem::path(VORN_TESTDATA) / "json-test-suite";
+  size_t files = 0;
+  for (const char* sub : {"test_parsing", "test_transform"}) {
+    for (const auto& entry : std::filesystem::directory_iterator(dir / sub)) {
+      expectSame(readFile(entry.path()));
+      ++files;
+    }
+  }
+  EXPECT_GT(files, 300u);
+}
+
+TEST(JSONReformat, AgreesOnMutatedDocuments) {
+  const std::string seed =
+      "{\"a\":[1,2.5e-3,-0,true,false,null,\"s\\n\\u00e9\\ud83d\\ude00\"],\"b\":{\"c\":{}},"
+      "\"d\":[[],[{}]],\"e\":\"\xC3\xA9\",\"e\":[{\"f\":[[1],{\"g\":null}]}]}";
+  std::mt19937 rng(4242);
+  for (int i = 0; i < 3000; ++i) {
+    std::string text = seed;
+    int edits = static_cast<int>(rng() % 4);
+    for (int k = 0; k < edits && !text.empty(); ++k) {
+      size_t at = rng() % text.size();
+      switch (rng() % 3) {
+        case 0:
+          text[at] = static_cast<char>(rng() & 0xFF);
+          break;
+        case 1:
+          text.erase(at, 1 + rng() % 3);
+          break;
+        default:
+          text.insert(at, 1, seed[rng() % seed.size()]);
+      }
+    }
+    expectSame(text);
+  }
+}
+
+}  // namespace
+}  // namespace vorn
