@@ -1,15 +1,11 @@
 // The command line as a user meets it: usage errors, JSON errors, exit statuses, pipes, dev.
-import { afterAll, beforeAll, describe, expect, test } from "bun:test";
+import { describe, expect, test } from "bun:test";
 import { spawnSync } from "node:child_process";
-import { sandbox, type Sandbox } from "./harness";
+import type { Sandbox } from "./harness";
+import { useSandbox } from "./support";
 
 let sb: Sandbox;
-beforeAll(async () => {
-  sb = await sandbox();
-});
-afterAll(async () => {
-  await sb.cleanup();
-});
+useSandbox((fresh) => (sb = fresh), "file");
 
 const instanceVerbs = "list, inspect, focus, quit, prune, health";
 

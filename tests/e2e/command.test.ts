@@ -1,37 +1,13 @@
 // `vorn command list|run` against simulated instances.
 
-import { afterEach, beforeEach, describe, expect, setDefaultTimeout, test } from "bun:test";
-import { requestBytes, sandbox, type Sandbox, type Sim, type SimRequest } from "./harness";
+import { describe, expect, setDefaultTimeout, test } from "bun:test";
+import type { Sandbox } from "./harness";
+import { byPid, DASH, expectCalls, instanceTable, pretty, useSandbox } from "./support";
 
 setDefaultTimeout(60000);
 
 let sb: Sandbox;
-beforeEach(async () => {
-  sb = await sandbox();
-});
-afterEach(async () => {
-  await sb.cleanup();
-});
-
-const emDash = "\u2014";
-const byPid = (sims: Sim[]) => [...sims].sort((a, b) => a.pid - b.pid);
-const pretty = (value: unknown) => JSON.stringify(value, null, 2) + "\n";
-
-// Requests other than the scan's GET /instance probes.
-const calls = (s: Sim): SimRequest[] => s.requests().filter((r) => r.target !== "/instance");
-
-// The requests an instance received, byte for byte: [method, target, body text?].
-function expectCalls(s: Sim, expected: [string, string, string?][]): void {
-  expect(calls(s).map((r) => r.rawText)).toEqual(expected.map(([m, t, b]) => requestBytes(m, t, b).toString("utf8")));
-}
-
-function table(rows: string[][]): string {
-  const widths: number[] = [];
-  for (const row of rows) row.forEach((c, i) => (widths[i] = Math.max(widths[i] ?? 0, [...c].length)));
-  return rows.map((row) => row.map((c, i) => c + " ".repeat(widths[i] + 2 - [...c].length)).join("")).join("\n");
-}
-const instanceTable = (sims: Sim[]) =>
-  table([["ID", "PID", "MODE", "WORKSPACE", "SOCK"], ...sims.map((s) => [s.id, String(s.pid), "app", "(none)", s.sock])]);
+useSandbox((fresh) => (sb = fresh));
 
 const COMMANDS = [
   { id: "go-mod-tidy", title: "Go: Tidy go.mod", target: "host", confirm: true },
@@ -138,14 +114,14 @@ describe("command run: several instances", () => {
     const sims = byPid(await sb.sims(2, (i) => ({ id: `two-${i}` })));
     const r = await sb.run(["command", "run", "go-test-workspace"]);
     expect(r.stdout).toBe("");
-    expect(r.stderr).toBe(instanceTable(sims) + `\nvorn: 2 instances running ${emDash} pass -i ID (see vorn instance list)\n`);
+    expect(r.stderr).toBe(instanceTable(sims) + `\nvorn: 2 instances running ${DASH} pass -i ID (see vorn instance list)\n`);
     expect(r.code).toBe(2);
     for (const s of sims) expectCalls(s, []);
 
     const j = await sb.run(["command", "run", "go-test-workspace", "-o", "json"]);
     expect(j.stdout).toBe("");
     expect(JSON.parse(j.stderr)).toEqual({
-      error: `2 instances running ${emDash} pass -i ID (see vorn instance list)`,
+      error: `2 instances running ${DASH} pass -i ID (see vorn instance list)`,
       instances: sims.map((s) => s.id),
       code: 2,
     });

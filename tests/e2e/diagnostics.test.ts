@@ -1,26 +1,17 @@
 // `vorn diagnostics list` against simulated instances.
 
-import { afterEach, beforeEach, describe, expect, setDefaultTimeout, test } from "bun:test";
-import { requestBytes, sandbox, type Sandbox, type Sim, type SimRequest } from "./harness";
+import { describe, expect, setDefaultTimeout, test } from "bun:test";
+import type { Sandbox, Sim } from "./harness";
+import { byPid, type Call, expectCalls, pretty, useSandbox } from "./support";
 
 setDefaultTimeout(60000);
 
 let sb: Sandbox;
-beforeEach(async () => {
-  sb = await sandbox();
-});
-afterEach(async () => {
-  await sb.cleanup();
-});
+useSandbox((fresh) => (sb = fresh));
 
-const byPid = (sims: Sim[]) => [...sims].sort((a, b) => a.pid - b.pid);
-const pretty = (value: unknown) => JSON.stringify(value, null, 2) + "\n";
-
-// Requests other than the scan's GET /instance probes.
-const calls = (s: Sim): SimRequest[] => s.requests().filter((r) => r.target !== "/instance");
-
+// The GET requests an instance received besides the scan, byte for byte.
 function expectGets(s: Sim, targets: string[]): void {
-  expect(calls(s).map((r) => r.rawText)).toEqual(targets.map((t) => requestBytes("GET", t).toString("utf8")));
+  expectCalls(s, targets.map((t): Call => ["GET", t]));
 }
 
 const ROWS = [

@@ -1,42 +1,17 @@
 // `vorn file open|read` against simulated instances.
 
-import { afterEach, beforeEach, describe, expect, test } from "bun:test";
+import { describe, expect, test } from "bun:test";
 import fs from "node:fs";
 import path from "node:path";
-import { sandbox, type Sandbox, type Sim, type SimRequest } from "./harness";
+import type { Sandbox, Sim } from "./harness";
+import { byPid, DASH, expectSent, instanceTable, pretty, requestLog, useSandbox } from "./support";
 
 let sb: Sandbox;
-beforeEach(async () => {
-  sb = await sandbox();
-});
-afterEach(async () => {
-  await sb.cleanup();
-});
-
-const DASH = "\u2014";
-
-// The bytes the CLI sends for one request.
-function wire(method: string, target: string, body?: string): string {
-  let text = `${method} ${target} HTTP/1.1\r\nHost: unix\r\nConnection: close\r\nAccept: */*\r\n`;
-  if (body !== undefined) text += "Content-Type: application/json\r\n";
-  if (body !== undefined || method === "POST") text += `Content-Length: ${Buffer.byteLength(body ?? "")}\r\n`;
-  return text + "\r\n" + (body ?? "");
-}
-
-function calls(sim: Sim): string[] {
-  return sim.requests().map((r) => `${r.method} ${r.target}`);
-}
-
-function only(sim: Sim, method: string, target: string): SimRequest {
-  const found = sim.requests().filter((r) => r.method === method && r.target === target);
-  expect(found.length).toBe(1);
-  return found[0];
-}
+const freshSandbox = useSandbox((fresh) => (sb = fresh));
 
 // The exact /openFile request for a body given as its compact JSON text.
 function expectOpenFile(sim: Sim, body: string): void {
-  const req = only(sim, "POST", "/openFile");
-  expect(req.raw.equals(Buffer.from(wire("POST", "/openFile", body)))).toBe(true);
+  expectSent(sim, "POST", "/openFile", body);
 }
 
 // Percent-encoding of one path component: every UTF-8 byte outside letters, digits and
@@ -51,17 +26,6 @@ function componentEncoded(text: string): string {
   return out;
 }
 
-function table(sims: Sim[], workspaces: string[]): string {
-  const rows = [["ID", "PID", "MODE", "WORKSPACE", "SOCK"]];
-  sims.forEach((s, i) => rows.push([s.id, String(s.pid), "app", workspaces[i] || "(none)", s.sock]));
-  const width = rows[0].map((_, c) => Math.max(...rows.map((r) => [...r[c]].length)));
-  return rows.map((r) => r.map((cell, c) => cell + " ".repeat(width[c] - [...cell].length + 2)).join("")).join("\n");
-}
-
-function byPid(sims: Sim[]): Sim[] {
-  return [...sims].sort((a, b) => a.pid - b.pid);
-}
-
 describe("file open: usage errors", () => {
   test("no file", async () => {
     const a = await sb.sim({ id: "a" });
@@ -69,7 +33,7 @@ describe("file open: usage errors", () => {
     expect(r.stderr).toBe("vorn file open: missing file\n");
     expect(r.stdout).toBe("");
     expect(r.code).toBe(2);
-    expect(calls(a)).toEqual([]);
+    expect(requestLog(a)).toEqual([]);
   });
 
   test("--all", async () => {
@@ -78,7 +42,7 @@ describe("file open: usage errors", () => {
     const r = await sb.run(["file", "open", "app/main.go", "--all"]);
     expect(r.stderr).toBe("vorn file open: --all is not valid when opening a file\n");
     expect(r.code).toBe(2);
-    expect(calls(a)).toEqual([]);
+    expect(requestLog(a)).toEqual([]);
   });
 
   test("a directory, with or without a position", async () => {
@@ -89,7 +53,7 @@ describe("file open: usage errors", () => {
       expect(r.stderr).toBe("vorn file open: app/pkg is a directory (vorn workspace open)\n");
       expect(r.code).toBe(2);
     }
-    expect(calls(a)).toEqual([]);
+    expect(requestLog(a)).toEqual([]);
   });
 
   test("a file that does not exist: its typed path, nothing launched", async () => {
@@ -103,7 +67,7 @@ describe("file open: usage errors", () => {
     r = await sb.run(["file", "open", "nope.go:x"]);
     expect(r.stderr).toBe("vorn file open: no such file: nope.go:x\n");
     expect(r.code).toBe(2);
-    expect(calls(a)).toEqual([]);
+    expect(requestLog(a)).toEqual([]);
     expect(fs.existsSync(marker)).toBe(false);
   });
 
@@ -116,7 +80,7 @@ describe("file open: usage errors", () => {
       expect(r.stderr).toBe(`vorn file open: no such file: ${word.replace(/:3$/, "")}\n`);
       expect(r.code).toBe(2);
     }
-    expect(calls(a)).toEqual([]);
+    expect(requestLog(a)).toEqual([]);
     const exact = sb.file("work/app/main.go:", "");
     const r = await sb.run(["file", "open", "main.go:"], { cwd: ws });
     expect(r.stdout).toBe(`Opened ${exact}:undefined:undefined on instance a\n`);
@@ -134,7 +98,7 @@ describe("file open: usage errors", () => {
     }
     const r = await sb.run(["file", "open", "app/main.go:0", "-i", "a"]);
     expect(r.code).toBe(2);
-    expect(calls(a)).toEqual([]);
+    expect(requestLog(a)).toEqual([]);
   });
 
   test("a second positional word is refused", async () => {
@@ -156,8 +120,8 @@ describe("file open: the owner of the file", () => {
     expect(r.stderr).toBe("");
     expect(r.code).toBe(0);
     expectOpenFile(a, `{"path":"${file}","line":12,"col":5}`);
-    expect(calls(a)).toEqual(["GET /instance", "POST /openFile"]);
-    expect(calls(b)).toEqual(["GET /instance"]);
+    expect(requestLog(a)).toEqual(["GET /instance", "POST /openFile"]);
+    expect(requestLog(b)).toEqual(["GET /instance"]);
   });
 
   test("without a position only the path goes; the reply's missing keys print as undefined", async () => {
@@ -249,7 +213,7 @@ describe("file open: the owner of the file", () => {
     expect(r.stdout).toBe("");
     expect(r.stderr).toBe(`vorn file open: no instance has main.go in its workspace ${DASH} run vorn workspace open <dir> first\n`);
     expect(r.code).toBe(1);
-    expect(calls(a)).toEqual(["GET /instance"]);
+    expect(requestLog(a)).toEqual(["GET /instance"]);
     expect(fs.existsSync(marker)).toBe(false);
   });
 
@@ -286,11 +250,11 @@ describe("file open: the owner of the file", () => {
     const r = await sb.run(["file", "open", "app/sub/x.go:9"]);
     expect(r.stdout).toBe("");
     expect(r.stderr).toBe(
-      table(candidates, candidates.map((s) => (s.id === "outer" ? outer : inner))) +
+      instanceTable(candidates, { workspace: (s) => (s.id === "outer" ? outer : inner) }) +
         `\nvorn: file open: 2 instances have app/sub/x.go in their workspace ${DASH} pass -i ID (see vorn instance list)\n`,
     );
     expect(r.code).toBe(2);
-    for (const s of sims) expect(calls(s)).toEqual(["GET /instance"]);
+    for (const s of sims) expect(requestLog(s)).toEqual(["GET /instance"]);
   });
 
   test("the nested ambiguity in JSON carries the instances", async () => {
@@ -321,7 +285,7 @@ describe("file open: the owner of the file", () => {
     const r = await sb.run(["file", "open", "pkg/x.go:1"], { cwd: root });
     expect(r.stdout).toBe(`Opened ${file}:1:undefined on instance dev\n`);
     expect(r.code).toBe(0);
-    expect(calls(outer)).toEqual([]);
+    expect(requestLog(outer)).toEqual([]);
   });
 });
 
@@ -333,7 +297,7 @@ describe("file open: with a selector", () => {
     expect(r.stdout).toBe(`Opened ${file}:4:2 on instance b\n`);
     expect(r.code).toBe(0);
     expectOpenFile(b, `{"path":"${file}","line":4,"col":2}`);
-    expect(calls(a)).toEqual(["GET /instance"]);
+    expect(requestLog(a)).toEqual(["GET /instance"]);
   });
 
   test("a local instance still needs the file here", async () => {
@@ -345,7 +309,7 @@ describe("file open: with a selector", () => {
     r = await sb.run(["file", "open", "pkg", "--sock", a.sock]);
     expect(r.stderr).toBe("vorn file open: pkg is a directory (vorn workspace open)\n");
     expect(r.code).toBe(2);
-    expect(calls(a).filter((c) => c.startsWith("POST"))).toEqual([]);
+    expect(requestLog(a).filter((c) => c.startsWith("POST"))).toEqual([]);
   });
 
   test("a foreign instance gets the path as typed, without looking here", async () => {
@@ -354,7 +318,7 @@ describe("file open: with a selector", () => {
     expect(r.stdout).toBe("Opened pkg/missing.go:12:undefined on instance far\n");
     expect(r.stderr).toBe("");
     expect(r.code).toBe(0);
-    expect(calls(a)).toEqual(["GET /instance", "POST /openFile"]);
+    expect(requestLog(a)).toEqual(["GET /instance", "POST /openFile"]);
     expectOpenFile(a, `{"path":"pkg/missing.go","line":12}`);
   });
 
@@ -371,7 +335,7 @@ describe("file open: with a selector", () => {
     const r = await sb.run(["file", "open", "x.go:0", "--sock", a.sock]);
     expect(r.stderr).toBe(`vorn file open: no line or column 0 in x.go:0 ${DASH} lines and columns count from 1\n`);
     expect(r.code).toBe(2);
-    expect(calls(a)).toEqual([]);
+    expect(requestLog(a)).toEqual([]);
   });
 
   test("selectors that match nothing keep the resolver's messages", async () => {
@@ -404,7 +368,7 @@ describe("file open: replies", () => {
     const file = sb.file("work/app/main.go", "");
     await sb.sim({ id: "a", workspace: ws });
     const r = await sb.run(["-o", "json", "file", "open", "app/main.go:12:5"]);
-    expect(r.stdout).toBe(JSON.stringify({ instance: "a", ok: true, path: file, line: 12, col: 5 }, null, 2) + "\n");
+    expect(r.stdout).toBe(pretty({ instance: "a", ok: true, path: file, line: 12, col: 5 }));
     expect(r.code).toBe(0);
   });
 
@@ -443,8 +407,7 @@ describe("file open: replies", () => {
 
   test("ok missing, or not the boolean true", async () => {
     for (const json of [{ path: "/x.go" }, { ok: "true", path: "/x.go" }, { ok: 1 }]) {
-      await sb.cleanup();
-      sb = await sandbox();
+      await freshSandbox();
       const { r } = await openWith({ json });
       expect(r.stderr).toBe("vorn file open [a]: openFile failed (200)\n");
       expect(r.code).toBe(1);
@@ -455,8 +418,7 @@ describe("file open: replies", () => {
     let { r } = await openWith({ status: 400, json: { error: "line must be a number" } });
     expect(r.stderr).toBe("vorn file open [a]: line must be a number\n");
     expect(r.code).toBe(1);
-    await sb.cleanup();
-    sb = await sandbox();
+    await freshSandbox();
     ({ r } = await openWith({ status: 500, json: { ok: true, error: { nested: 1 } } }));
     expect(r.stderr).toBe("vorn file open [a]: openFile failed (500)\n");
     expect(r.code).toBe(1);
@@ -466,12 +428,10 @@ describe("file open: replies", () => {
     let { r } = await openWith({ body: "oops" });
     expect(r.stderr).toBe("vorn file open [a]: HTTP 200: not JSON (oops)\n");
     expect(r.code).toBe(1);
-    await sb.cleanup();
-    sb = await sandbox();
+    await freshSandbox();
     ({ r } = await openWith({ json: [true] }));
     expect(r.stderr).toBe("vorn file open [a]: openFile failed (200)\n");
-    await sb.cleanup();
-    sb = await sandbox();
+    await freshSandbox();
     ({ r } = await openWith({ action: "close" }));
     expect(r.stderr).toBe("vorn file open [a]: malformed HTTP reply\n");
     expect(r.code).toBe(1);
@@ -484,7 +444,7 @@ describe("file read", () => {
     const r = await sb.run(["file", "read"]);
     expect(r.stderr).toBe("vorn file read: missing path\n");
     expect(r.code).toBe(2);
-    expect(calls(a)).toEqual([]);
+    expect(requestLog(a)).toEqual([]);
   });
 
   test("the path goes component-encoded and the reply is printed", async () => {
@@ -492,11 +452,10 @@ describe("file read", () => {
     sb.file("work/app/src/a b.go", "package src\n");
     const a = await sb.sim({ id: "a", workspace: ws });
     const r = await sb.run(["file", "read", "src/a b.go"]);
-    expect(r.stdout).toBe(JSON.stringify({ path: "src/a b.go", content: "package src\n", size: 12 }, null, 2) + "\n");
+    expect(r.stdout).toBe(pretty({ path: "src/a b.go", content: "package src\n", size: 12 }));
     expect(r.stderr).toBe("");
     expect(r.code).toBe(0);
-    const req = only(a, "GET", "/read?path=src%2Fa%20b.go");
-    expect(req.raw.toString()).toBe(wire("GET", "/read?path=src%2Fa%20b.go"));
+    expectSent(a, "GET", "/read?path=src%2Fa%20b.go");
   });
 
   test("non-ASCII and reserved characters, byte for byte", async () => {
@@ -510,9 +469,8 @@ describe("file read", () => {
     expect(target).toBe(
       "/read?path=d%C3%AFr%2F%C3%BC%2B%26%3D%3F%23%25~(x)'*!%C3%A9%20%F0%9D%84%9E.go",
     );
-    const req = only(a, "GET", target);
-    expect(req.raw.equals(Buffer.from(wire("GET", target)))).toBe(true);
-    expect(r.stdout).toBe(JSON.stringify({ path: name, content: "x", size: 1 }, null, 2) + "\n");
+    expectSent(a, "GET", target);
+    expect(r.stdout).toBe(pretty({ path: name, content: "x", size: 1 }));
   });
 
   test("an absolute path is sent as typed", async () => {
@@ -521,7 +479,7 @@ describe("file read", () => {
     const a = await sb.sim({ id: "a", workspace: ws });
     const r = await sb.run(["file", "read", file]);
     expect(r.code).toBe(0);
-    expect(calls(a)).toEqual(["GET /instance", "GET /read?path=" + componentEncoded(file)]);
+    expect(requestLog(a)).toEqual(["GET /instance", "GET /read?path=" + componentEncoded(file)]);
   });
 
   test("a missing file: the body, exit 1, no message", async () => {
@@ -530,7 +488,7 @@ describe("file read", () => {
     expect(r.stdout).toBe('{\n  "error": "no such file: nope.go"\n}\n');
     expect(r.stderr).toBe("");
     expect(r.code).toBe(1);
-    expect(calls(a)).toEqual(["GET /instance", "GET /read?path=nope.go"]);
+    expect(requestLog(a)).toEqual(["GET /instance", "GET /read?path=nope.go"]);
   });
 
   test("every instance by default, with -o json the results wrapper", async () => {
@@ -542,10 +500,10 @@ describe("file read", () => {
         ? { id: "a", ok: true, body: { path: "f.txt", content: "zero", size: 4 } }
         : { id: "b", ok: false, body: { error: "no such file: f.txt" } },
     );
-    expect(r.stdout).toBe(JSON.stringify({ results: rows }, null, 2) + "\n");
+    expect(r.stdout).toBe(pretty({ results: rows }));
     expect(r.code).toBe(0);
     r = await sb.run(["file", "read", "f.txt", "-i", "a", "-o", "json"]);
-    expect(r.stdout).toBe(JSON.stringify({ results: rows.filter((x) => x.id === "a") }, null, 2) + "\n");
+    expect(r.stdout).toBe(pretty({ results: rows.filter((x) => x.id === "a") }));
     expect(r.code).toBe(0);
   });
 

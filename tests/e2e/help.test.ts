@@ -1,8 +1,9 @@
 // Help pages compared whole against reviewed golden files: one wrong space fails.
-import { afterAll, beforeAll, describe, expect, test } from "bun:test";
+import { describe, expect, test } from "bun:test";
 import { readFileSync } from "node:fs";
 import { join } from "node:path";
-import { sandbox, type Sandbox } from "./harness";
+import type { Sandbox } from "./harness";
+import { useSandbox } from "./support";
 
 const golden = (name: string) => readFileSync(join(import.meta.dir, "golden", `${name}.txt`), "utf8");
 
@@ -23,12 +24,7 @@ const nouns: Record<string, string[]> = {
 };
 
 let sb: Sandbox;
-beforeAll(async () => {
-  sb = await sandbox();
-});
-afterAll(async () => {
-  await sb.cleanup();
-});
+useSandbox((fresh) => (sb = fresh), "file");
 
 describe("top help", () => {
   for (const args of [[], ["help"], ["--help"], ["-h"]]) {

@@ -1,41 +1,15 @@
 // `vorn instance ...` against simulated instances: list, inspect, focus, quit, prune, health.
 
-import { afterEach, beforeEach, describe, expect, setDefaultTimeout, test } from "bun:test";
+import { describe, expect, setDefaultTimeout, test } from "bun:test";
 import fs from "node:fs";
 import path from "node:path";
-import { requestBytes, sandbox, type Sandbox, type Sim, type SimRequest } from "./harness";
+import type { Sandbox, Sim } from "./harness";
+import { byPid, calls, DASH, expectCalls, expectWire, instanceTable, pretty, useSandbox } from "./support";
 
 setDefaultTimeout(60000);
 
 let sb: Sandbox;
-beforeEach(async () => {
-  sb = await sandbox();
-});
-afterEach(async () => {
-  await sb.cleanup();
-});
-
-// The text table of the CLI: every cell padded to its column's width plus two.
-function table(rows: string[][]): string {
-  const widths: number[] = [];
-  for (const row of rows) row.forEach((c, i) => (widths[i] = Math.max(widths[i] ?? 0, [...c].length)));
-  return rows.map((row) => row.map((c, i) => c + " ".repeat(widths[i] + 2 - [...c].length)).join("")).join("\n");
-}
-
-function instanceTable(sims: Sim[], mode: (s: Sim) => string = () => "app", workspace: (s: Sim) => string = () => "(none)"): string {
-  return table([["ID", "PID", "MODE", "WORKSPACE", "SOCK"], ...sims.map((s) => [s.id, String(s.pid), mode(s), workspace(s), s.sock])]);
-}
-
-const byPid = (sims: Sim[]) => [...sims].sort((a, b) => a.pid - b.pid);
-
-// Requests other than the scan's GET /instance probes.
-const calls = (s: Sim): SimRequest[] => s.requests().filter((r) => r.target !== "/instance");
-
-function expectBytes(r: SimRequest, method: string, target: string, body?: unknown): void {
-  expect(r.rawText).toBe(requestBytes(method, target, body).toString("utf8"));
-}
-
-const emDash = "\u2014";
+useSandbox((fresh) => (sb = fresh));
 
 describe("instance list", () => {
   test("with no instances it says so and succeeds", async () => {
@@ -59,13 +33,13 @@ describe("instance list", () => {
     const r = await sb.run(["instance", "list"]);
     const mode = (s: Sim) => (s === b ? "headless" : "app");
     const ws = (s: Sim) => (s === a ? work : "(none)");
-    expect(r.stdout).toBe(instanceTable(byPid([a, b]), mode, ws) + "\n");
+    expect(r.stdout).toBe(instanceTable(byPid([a, b]), { mode, workspace: ws }) + "\n");
     expect(r.stderr).toBe("");
     expect(r.code).toBe(0);
     // A scan only asks each instance who it is.
     for (const s of [a, b]) {
       expect(s.requests().map((q) => q.target)).toEqual(["/instance"]);
-      expectBytes(s.requests()[0], "GET", "/instance");
+      expectWire(s.requests()[0], "GET", "/instance");
     }
   });
 
@@ -103,7 +77,7 @@ describe("instance list", () => {
     // Keys in the documented order.
     expect(Object.keys(parsed)).toEqual(["instances", "stale"]);
     expect(Object.keys(parsed.instances[0])).toEqual(["id", "pid", "sock", "mode", "workspace", "health"]);
-    expect(r.stdout).toBe(JSON.stringify(parsed, null, 2) + "\n");
+    expect(r.stdout).toBe(pretty(parsed));
   });
 
   test("stale folders are reported on stderr; -q stays silent about them", async () => {
@@ -115,7 +89,7 @@ describe("instance list", () => {
     const r = await sb.run(["instance", "list"]);
     expect(r.stdout).toBe(instanceTable([live]) + "\n");
     expect(r.stderr).toBe(
-      `vorn: 2 unreachable instance dir(s): ${stale.map((s) => `${s.pid} (${reason(s)})`).join(", ")} ${emDash} run vorn instance prune\n`,
+      `vorn: 2 unreachable instance dir(s): ${stale.map((s) => `${s.pid} (${reason(s)})`).join(", ")} ${DASH} run vorn instance prune\n`,
     );
     expect(r.code).toBe(0);
 
@@ -156,7 +130,7 @@ describe("instance list", () => {
     const r = await sb.run(["instance", "list", "--prune"]);
     expect(r.stdout).toBe(instanceTable([live]) + "\n");
     expect(r.stderr).toBe(
-      `vorn: pruned ${old.dir} (no-sock)\n` + `vorn: 1 unreachable instance dir(s): ${young.pid} (no-sock) ${emDash} run vorn instance prune\n`,
+      `vorn: pruned ${old.dir} (no-sock)\n` + `vorn: 1 unreachable instance dir(s): ${young.pid} (no-sock) ${DASH} run vorn instance prune\n`,
     );
     expect(r.code).toBe(0);
     expect(fs.existsSync(old.dir)).toBe(false);
@@ -173,7 +147,7 @@ describe("instance list", () => {
 
     const r = await sb.run(["instance", "list"]);
     expect(r.stdout).toBe("No running Vorn instances.\n");
-    expect(r.stderr).toBe(`vorn: 1 unreachable instance dir(s): ${dead.pid} (dead-pid) ${emDash} run vorn instance prune\n`);
+    expect(r.stderr).toBe(`vorn: 1 unreachable instance dir(s): ${dead.pid} (dead-pid) ${DASH} run vorn instance prune\n`);
     expect(r.code).toBe(0);
 
     const p = await sb.run(["instance", "prune"]);
@@ -190,7 +164,7 @@ describe("instance list", () => {
     fs.chownSync(dead.dir, 12345, 12345);
     const r = await sb.run(["instance", "list"]);
     expect(r.stdout).toBe("No running Vorn instances.\n");
-    expect(r.stderr).toBe(`vorn: 1 unreachable instance dir(s): ${dead.pid} (dead-pid) ${emDash} run vorn instance prune\n`);
+    expect(r.stderr).toBe(`vorn: 1 unreachable instance dir(s): ${dead.pid} (dead-pid) ${DASH} run vorn instance prune\n`);
     expect(r.code).toBe(0);
     const j = await sb.run(["instance", "list", "--prune", "-o", "json"]);
     expect(JSON.parse(j.stdout)).toEqual({ instances: [], stale: [{ pid: dead.pid, dir: dead.dir, reason: "dead-pid" }] });
@@ -240,7 +214,7 @@ describe("instance inspect", () => {
     expect(r.stderr).toBe("");
     expect(r.code).toBe(0);
     const parsed = JSON.parse(r.stdout);
-    expect(r.stdout).toBe(JSON.stringify(parsed, null, 2) + "\n");
+    expect(r.stdout).toBe(pretty(parsed));
     expect(Array.isArray(parsed)).toBe(true);
     expect(parsed.length).toBe(1);
     const d = parsed[0];
@@ -273,7 +247,7 @@ describe("instance inspect", () => {
 
     const got = calls(s).sort((x, y) => (x.target < y.target ? -1 : 1));
     expect(got.map((q) => q.target)).toEqual(["/diagnostics", "/health", "/language/status", "/workspace"]);
-    for (const q of got) expectBytes(q, "GET", q.target);
+    for (const q of got) expectWire(q, "GET", q.target);
   });
 
   test("without ids every live instance, in pid order; with ids in the order given", async () => {
@@ -317,7 +291,7 @@ describe("instance inspect", () => {
   test("an id that matches several instances is ambiguous", async () => {
     const [a, b] = await Promise.all([sb.sim({ id: "abc" }), sb.sim({ id: "abd" })]);
     const r = await sb.run(["instance", "inspect", "ab"]);
-    const msg = `vorn instance inspect: 2 instances match ab ${emDash} pass a longer ID (see vorn instance list)`;
+    const msg = `vorn instance inspect: 2 instances match ab ${DASH} pass a longer ID (see vorn instance list)`;
     expect(r.stdout).toBe("");
     expect(r.stderr).toBe(instanceTable(byPid([a, b])) + "\n" + msg + "\n");
     expect(r.code).toBe(2);
@@ -383,9 +357,7 @@ describe("instance focus", () => {
     expect(r.stdout).toBe("Focused instance win\n");
     expect(r.stderr).toBe("");
     expect(r.code).toBe(0);
-    const got = calls(s);
-    expect(got.length).toBe(1);
-    expectBytes(got[0], "POST", "/focus", {});
+    expectCalls(s, [["POST", "/focus", "{}"]]);
     expect((await s.state()).focusCount).toBe(1);
   });
 
@@ -441,7 +413,7 @@ describe("instance quit", () => {
     expect(sb.runtimeEntries()).toEqual([String(keep.pid)]);
     const posts = go.requests().filter((q) => q.method === "POST");
     expect(posts.length).toBe(1);
-    expectBytes(posts[0], "POST", "/quit", {});
+    expectWire(posts[0], "POST", "/quit", "{}");
     expect(calls(keep)).toEqual([]);
   });
 
@@ -555,12 +527,10 @@ describe("instance health", () => {
   test("one instance: its reply as it came", async () => {
     const s = await sb.sim({ id: "h1" });
     const r = await sb.run(["instance", "health"]);
-    expect(r.stdout).toBe(JSON.stringify(healthBody("h1"), null, 2) + "\n");
+    expect(r.stdout).toBe(pretty(healthBody("h1")));
     expect(r.stderr).toBe("");
     expect(r.code).toBe(0);
-    const got = calls(s);
-    expect(got.length).toBe(1);
-    expectBytes(got[0], "GET", "/health");
+    expectCalls(s, [["GET", "/health"]]);
 
     const j = await sb.run(["instance", "health", "-o", "json"]);
     expect(JSON.parse(j.stdout)).toEqual({ results: [{ id: "h1", ok: true, body: healthBody("h1") }] });
@@ -572,14 +542,14 @@ describe("instance health", () => {
     expect(r.code).toBe(0);
     expect(r.stderr).toBe("");
     const parsed = JSON.parse(r.stdout);
-    expect(r.stdout).toBe(JSON.stringify(parsed, null, 2) + "\n");
+    expect(r.stdout).toBe(pretty(parsed));
     expect(parsed).toEqual({ results: sims.map((s) => ({ id: s.id, ok: true, body: healthBody(s.id) })) });
   });
 
   test("a failing status prints the body and exits 1 with nothing more", async () => {
     await sb.sim({ id: "sick", routes: [{ path: "/health", status: 503, json: { ok: false, error: "starting" } }] });
     const r = await sb.run(["instance", "health"]);
-    expect(r.stdout).toBe(JSON.stringify({ ok: false, error: "starting" }, null, 2) + "\n");
+    expect(r.stdout).toBe(pretty({ ok: false, error: "starting" }));
     expect(r.stderr).toBe("");
     expect(r.code).toBe(1);
   });

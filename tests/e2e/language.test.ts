@@ -1,27 +1,13 @@
 // `vorn language status|hover|definition|type-definition` against simulated instances.
 
-import { afterEach, beforeEach, describe, expect, setDefaultTimeout, test } from "bun:test";
-import { requestBytes, sandbox, type Sandbox, type Sim, type SimRequest } from "./harness";
+import { describe, expect, setDefaultTimeout, test } from "bun:test";
+import type { Sandbox } from "./harness";
+import { byPid, expectCalls, pretty, useSandbox } from "./support";
 
 setDefaultTimeout(60000);
 
 let sb: Sandbox;
-beforeEach(async () => {
-  sb = await sandbox();
-});
-afterEach(async () => {
-  await sb.cleanup();
-});
-
-const byPid = (sims: Sim[]) => [...sims].sort((a, b) => a.pid - b.pid);
-const pretty = (value: unknown) => JSON.stringify(value, null, 2) + "\n";
-
-// Requests other than the scan's GET /instance probes.
-const calls = (s: Sim): SimRequest[] => s.requests().filter((r) => r.target !== "/instance");
-
-function expectCalls(s: Sim, expected: [string, string, string?][]): void {
-  expect(calls(s).map((r) => r.rawText)).toEqual(expected.map(([m, t, b]) => requestBytes(m, t, b).toString("utf8")));
-}
+useSandbox((fresh) => (sb = fresh));
 
 const VERBS: [string, string][] = [
   ["hover", "/api/languageHover"],

@@ -1,40 +1,21 @@
 // `vorn nogo run` against simulated instances: POST /nogo with {}, exit 1 when nogo says ok: false.
 
-import { afterEach, beforeEach, describe, expect, setDefaultTimeout, test } from "bun:test";
-import { requestBytes, sandbox, type Sandbox, type Sim, type SimRequest } from "./harness";
+import { describe, expect, setDefaultTimeout, test } from "bun:test";
+import type { Sandbox, Sim } from "./harness";
+import { byPid, type Call, DASH, expectCalls, instanceTable, pretty, useSandbox, wire } from "./support";
 
 setDefaultTimeout(60000);
 
 let sb: Sandbox;
-beforeEach(async () => {
-  sb = await sandbox();
-});
-afterEach(async () => {
-  await sb.cleanup();
-});
-
-const emDash = "\u2014";
-const byPid = (sims: Sim[]) => [...sims].sort((a, b) => a.pid - b.pid);
-const pretty = (value: unknown) => JSON.stringify(value, null, 2) + "\n";
-
-// Requests other than the scan's GET /instance probes.
-const calls = (s: Sim): SimRequest[] => s.requests().filter((r) => r.target !== "/instance");
+useSandbox((fresh) => (sb = fresh));
 
 // The empty object goes out as a JSON body with its Content-Type.
 const NOGO = "POST /nogo HTTP/1.1\r\nHost: unix\r\nConnection: close\r\nAccept: */*\r\nContent-Type: application/json\r\nContent-Length: 2\r\n\r\n{}";
 
 function expectNogo(s: Sim, times = 1): void {
-  expect(requestBytes("POST", "/nogo", "{}").toString("utf8")).toBe(NOGO);
-  expect(calls(s).map((r) => r.rawText)).toEqual(Array(times).fill(NOGO));
+  expect(wire("POST", "/nogo", "{}")).toBe(NOGO);
+  expectCalls(s, Array.from({ length: times }, (): Call => ["POST", "/nogo", "{}"]));
 }
-
-function table(rows: string[][]): string {
-  const widths: number[] = [];
-  for (const row of rows) row.forEach((c, i) => (widths[i] = Math.max(widths[i] ?? 0, [...c].length)));
-  return rows.map((row) => row.map((c, i) => c + " ".repeat(widths[i] + 2 - [...c].length)).join("")).join("\n");
-}
-const instanceTable = (sims: Sim[]) =>
-  table([["ID", "PID", "MODE", "WORKSPACE", "SOCK"], ...sims.map((s) => [s.id, String(s.pid), "app", "(none)", s.sock])]);
 
 const WARNING = { source: "nogo", severity: "warning", path: "a.go", line: 4, col: 2, message: "shadow: x shadows" };
 const ERROR = { source: "nogo", severity: "error", path: "b.go", line: 9, col: 1, message: "printf: wrong verb" };
@@ -93,7 +74,7 @@ describe("nogo run", () => {
     const sims = byPid(await sb.sims(2, (i) => ({ id: `two-${i}` })));
     const r = await sb.run(["nogo", "run"]);
     expect(r.stdout).toBe("");
-    expect(r.stderr).toBe(instanceTable(sims) + `\nvorn: 2 instances running ${emDash} pass -i ID (see vorn instance list)\n`);
+    expect(r.stderr).toBe(instanceTable(sims) + `\nvorn: 2 instances running ${DASH} pass -i ID (see vorn instance list)\n`);
     expect(r.code).toBe(2);
     for (const s of sims) expectNogo(s, 0);
   });

@@ -1,40 +1,21 @@
 // `vorn search run` against simulated instances: the query, the grep-style listing, the summary
 // on stderr and the exit status.
 
-import { afterEach, beforeEach, describe, expect, setDefaultTimeout, test } from "bun:test";
+import { describe, expect, setDefaultTimeout, test } from "bun:test";
 import fs from "node:fs";
 import path from "node:path";
-import { requestBytes, sandbox, type Route, type Sandbox, type Sim, type SimRequest } from "./harness";
+import type { Route, Sandbox, Sim } from "./harness";
+import { byPid, calls, DASH, expectCalls, instanceTable, useSandbox } from "./support";
 
 setDefaultTimeout(60000);
 
 let sb: Sandbox;
-beforeEach(async () => {
-  sb = await sandbox();
-});
-afterEach(async () => {
-  await sb.cleanup();
-});
-
-const emDash = "\u2014";
-const byPid = (sims: Sim[]) => [...sims].sort((a, b) => a.pid - b.pid);
-
-// Requests other than the scan's GET /instance probes.
-const calls = (s: Sim): SimRequest[] => s.requests().filter((r) => r.target !== "/instance");
+useSandbox((fresh) => (sb = fresh));
 
 // The one search request the instance received, checked byte for byte.
 function expectSearch(s: Sim, target: string): void {
-  const got = calls(s);
-  expect(got.map((r) => r.rawText)).toEqual([requestBytes("GET", target).toString("utf8")]);
+  expectCalls(s, [["GET", target]]);
 }
-
-function table(rows: string[][]): string {
-  const widths: number[] = [];
-  for (const row of rows) row.forEach((c, i) => (widths[i] = Math.max(widths[i] ?? 0, [...c].length)));
-  return rows.map((row) => row.map((c, i) => c + " ".repeat(widths[i] + 2 - [...c].length)).join("")).join("\n");
-}
-const instanceTable = (sims: Sim[], workspace: string) =>
-  table([["ID", "PID", "MODE", "WORKSPACE", "SOCK"], ...sims.map((s) => [s.id, String(s.pid), "app", workspace, s.sock])]);
 
 // A workspace with a few Go files.
 function workspace(): string {
@@ -75,7 +56,7 @@ describe("search run: usage", () => {
     const sims = byPid(await sb.sims(2, (i) => ({ id: `two-${i}` })));
     const r = await sb.run(["search", "run", "foo"]);
     expect(r.stdout).toBe("");
-    expect(r.stderr).toBe(instanceTable(sims, "(none)") + `\nvorn: 2 instances running ${emDash} pass -i ID (see vorn instance list)\n`);
+    expect(r.stderr).toBe(instanceTable(sims) + `\nvorn: 2 instances running ${DASH} pass -i ID (see vorn instance list)\n`);
     expect(r.code).toBe(2);
     for (const s of sims) expect(calls(s)).toEqual([]);
   });
@@ -222,7 +203,7 @@ describe("search run: the reply", () => {
     const s = await sb.sim({ id: "s", workspace: workspace() });
     const r = await sb.run(["search", "run", "foo", "--max", "2"]);
     expect(r.stdout).toBe("a.go:3:6: func Foo() {}\na.go:5:4: // foo and FOO and food\n");
-    expect(r.stderr).toBe(`2 matches in 1 files (sim) ${emDash} limit hit, results truncated\n`);
+    expect(r.stderr).toBe(`2 matches in 1 files (sim) ${DASH} limit hit, results truncated\n`);
     expect(r.code).toBe(0);
     expectSearch(s, "/search?q=foo&max=2");
   });
@@ -416,7 +397,7 @@ describe("search run: 10,000 matches", () => {
       bin: strace!,
     });
     expect(r.stdout).toBe(expected);
-    expect(r.stderr).toBe(`10000 matches in 2 files (sim) ${emDash} limit hit, results truncated\n`);
+    expect(r.stderr).toBe(`10000 matches in 2 files (sim) ${DASH} limit hit, results truncated\n`);
     expect(r.code).toBe(0);
     const writes = fs
       .readFileSync(log, "utf8")

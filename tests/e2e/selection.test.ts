@@ -1,41 +1,19 @@
 // Which instances a command acts on: -i, --pid, --sock, -a, the checkout's own app, VORN_PID,
 // and the ambiguity error when a mutating verb cannot tell.
 
-import { afterEach, beforeEach, describe, expect, setDefaultTimeout, test } from "bun:test";
+import { describe, expect, setDefaultTimeout, test } from "bun:test";
 import fs from "node:fs";
 import path from "node:path";
-import { sandbox, type Sandbox, type Sim } from "./harness";
+import type { Sandbox, Sim } from "./harness";
+import { byPid, calls, checkout, DASH, instanceTable, useSandbox } from "./support";
 
 setDefaultTimeout(60000);
 
 let sb: Sandbox;
-beforeEach(async () => {
-  sb = await sandbox();
-});
-afterEach(async () => {
-  await sb.cleanup();
-});
+useSandbox((fresh) => (sb = fresh));
 
-const emDash = "\u2014";
-const byPid = (sims: Sim[]) => [...sims].sort((a, b) => a.pid - b.pid);
 const focused = (sims: Sim[]) => sims.map((s) => `Focused instance ${s.id}\n`).join("");
 const focusCalls = (s: Sim) => s.requests().filter((q) => q.target === "/focus").length;
-
-function table(rows: string[][]): string {
-  const widths: number[] = [];
-  for (const row of rows) row.forEach((c, i) => (widths[i] = Math.max(widths[i] ?? 0, [...c].length)));
-  return rows.map((row) => row.map((c, i) => c + " ".repeat(widths[i] + 2 - [...c].length)).join("")).join("\n");
-}
-const instanceTable = (sims: Sim[]) =>
-  table([["ID", "PID", "MODE", "WORKSPACE", "SOCK"], ...sims.map((s) => [s.id, String(s.pid), "app", "(none)", s.sock])]);
-
-// A folder that the CLI recognises as a source checkout.
-function checkout(rel: string): string {
-  sb.file(`${rel}/MODULE.bazel`, "");
-  sb.file(`${rel}/tools/go.pin`, "");
-  sb.file(`${rel}/src/cli/vorn.ts`, "");
-  return sb.path(rel);
-}
 
 describe("-i, --pid, --sock, -a", () => {
   test("-i with a prefix selects every instance it starts", async () => {
@@ -89,12 +67,12 @@ describe("-i, --pid, --sock, -a", () => {
     const s = await sb.sim({ id: "one" });
     const again = await sb.run(["search", "run", "needle", "--all"]);
     expect([again.stdout, again.stderr, again.code]).toEqual(["", "vorn: --all is not valid for this command\n", 1]);
-    expect(s.requests().filter((q) => q.target !== "/instance")).toEqual([]);
+    expect(calls(s)).toEqual([]);
   });
 
   test("two instances and no selector: a mutating verb refuses to guess", async () => {
     const sims = byPid(await sb.sims(2, (i) => ({ id: `two-${i}` })));
-    const msg = `2 instances running ${emDash} pass -i ID (see vorn instance list)`;
+    const msg = `2 instances running ${DASH} pass -i ID (see vorn instance list)`;
     const r = await sb.run(["instance", "focus"]);
     expect(r.stdout).toBe("");
     expect(r.stderr).toBe(instanceTable(sims) + "\nvorn: " + msg + "\n");
@@ -109,7 +87,7 @@ describe("-i, --pid, --sock, -a", () => {
 
 describe("the checkout the CLI runs in", () => {
   test("the instance running from this checkout is chosen without a selector", async () => {
-    const co = checkout("co");
+    const co = checkout(sb, "co");
     const [mine, other] = await Promise.all([sb.sim({ id: "mine", vornRoot: co }), sb.sim({ id: "other" })]);
     const r = await sb.run(["instance", "focus"], { cwd: sb.dir("co/src/cli") });
     expect([r.stdout, r.stderr, r.code]).toEqual([focused([mine]), "", 0]);
@@ -117,7 +95,7 @@ describe("the checkout the CLI runs in", () => {
   });
 
   test("a vornRoot that reaches the checkout through a symbolic link counts", async () => {
-    const co = checkout("co");
+    const co = checkout(sb, "co");
     const link = sb.symlink(co, "links/co");
     const [mine] = await Promise.all([sb.sim({ id: "linked", vornRoot: link }), sb.sim({ id: "other" })]);
     const r = await sb.run(["instance", "focus"], { cwd: co });
@@ -125,9 +103,9 @@ describe("the checkout the CLI runs in", () => {
   });
 
   test("no app for this checkout: the ambiguity error lists every live instance", async () => {
-    const co = checkout("co");
+    const co = checkout(sb, "co");
     const sims = byPid(await sb.sims(2, (i) => ({ id: `elsewhere-${i}` })));
-    const msg = `no app for this checkout ${emDash} vorn dev app start, or pass -i ID (see vorn instance list)`;
+    const msg = `no app for this checkout ${DASH} vorn dev app start, or pass -i ID (see vorn instance list)`;
     const r = await sb.run(["instance", "focus"], { cwd: co });
     expect(r.stdout).toBe("");
     expect(r.stderr).toBe(instanceTable(sims) + "\nvorn: " + msg + "\n");
@@ -146,7 +124,7 @@ describe("the checkout the CLI runs in", () => {
   });
 
   test("VORN_PID names the instance that belongs to this checkout", async () => {
-    const co = checkout("co");
+    const co = checkout(sb, "co");
     const sims = byPid(await sb.sims(2, (i) => ({ id: `vp-${i}` })));
     const r = await sb.run(["instance", "focus"], { cwd: co, env: { VORN_PID: String(sims[1].pid) } });
     expect([r.stdout, r.stderr, r.code]).toEqual([focused([sims[1]]), "", 0]);
@@ -154,11 +132,11 @@ describe("the checkout the CLI runs in", () => {
     // A value that is not a decimal number is ignored.
     const bad = await sb.run(["instance", "focus"], { cwd: co, env: { VORN_PID: "12x" } });
     expect(bad.code).toBe(2);
-    expect(bad.stderr.endsWith(`vorn: no app for this checkout ${emDash} vorn dev app start, or pass -i ID (see vorn instance list)\n`)).toBe(true);
+    expect(bad.stderr.endsWith(`vorn: no app for this checkout ${DASH} vorn dev app start, or pass -i ID (see vorn instance list)\n`)).toBe(true);
   });
 
   test("a dev-app record pointing at a live instance makes it the checkout's own", async () => {
-    const co = checkout("co");
+    const co = checkout(sb, "co");
     const [dev, other] = byPid(await sb.sims(2, (i) => ({ id: `dev-${i}` })));
     const record = sb.file("co/.cache/vorn/dev-app.json", JSON.stringify({ pid: dev.pid, socketPath: dev.sock, started: 1 }));
     const r = await sb.run(["instance", "focus"], { cwd: co });
@@ -170,7 +148,7 @@ describe("the checkout the CLI runs in", () => {
   });
 
   test("a dev-app record whose socket no longer answers is deleted", async () => {
-    const co = checkout("co");
+    const co = checkout(sb, "co");
     const mine = await sb.sim({ id: "mine", vornRoot: co });
     const dead = await sb.deadPidDir();
     const record = sb.file("co/.cache/vorn/dev-app.json", JSON.stringify({ pid: dead.pid, socketPath: dead.sock }));
@@ -181,7 +159,7 @@ describe("the checkout the CLI runs in", () => {
   });
 
   test("a dev-app record whose pid is not the instance's is deleted", async () => {
-    const co = checkout("co");
+    const co = checkout(sb, "co");
     const [a, b] = byPid(await sb.sims(2, (i) => ({ id: `pm-${i}` })));
     const record = sb.file("co/.cache/vorn/dev-app.json", JSON.stringify({ pid: b.pid, socketPath: a.sock }));
     const r = await sb.run(["instance", "focus"], { cwd: co });
@@ -191,7 +169,7 @@ describe("the checkout the CLI runs in", () => {
   });
 
   test("a dev-app record outside the runtime directory is ignored and left alone", async () => {
-    const co = checkout("co");
+    const co = checkout(sb, "co");
     const [a, b] = byPid(await sb.sims(2, (i) => ({ id: `out-${i}` })));
     const elsewhere = path.join(sb.root, "elsewhere", "1", "fs.sock");
     const record = sb.file("co/.cache/vorn/dev-app.json", JSON.stringify({ pid: a.pid, socketPath: elsewhere }));
@@ -199,7 +177,7 @@ describe("the checkout the CLI runs in", () => {
     expect(fs.existsSync(record)).toBe(true);
     expect(r.code).toBe(2);
     expect(r.stderr).toBe(
-      instanceTable([a, b]) + `\nvorn: no app for this checkout ${emDash} vorn dev app start, or pass -i ID (see vorn instance list)\n`,
+      instanceTable([a, b]) + `\nvorn: no app for this checkout ${DASH} vorn dev app start, or pass -i ID (see vorn instance list)\n`,
     );
   });
 });

@@ -1,39 +1,12 @@
 // `vorn <dir>` and `vorn <file>[:line[:col]]`: the path shorthand for workspace open and file open.
 
-import { afterEach, beforeEach, describe, expect, test } from "bun:test";
+import { describe, expect, test } from "bun:test";
 import path from "node:path";
-import { sandbox, type Sandbox, type Sim, type SimRequest } from "./harness";
+import type { Sandbox } from "./harness";
+import { DASH, expectSent, requestLog, useSandbox } from "./support";
 
 let sb: Sandbox;
-beforeEach(async () => {
-  sb = await sandbox();
-});
-afterEach(async () => {
-  await sb.cleanup();
-});
-
-const DASH = "\u2014";
-
-function wire(method: string, target: string, body?: string): string {
-  let text = `${method} ${target} HTTP/1.1\r\nHost: unix\r\nConnection: close\r\nAccept: */*\r\n`;
-  if (body !== undefined) text += "Content-Type: application/json\r\n";
-  if (body !== undefined || method === "POST") text += `Content-Length: ${Buffer.byteLength(body ?? "")}\r\n`;
-  return text + "\r\n" + (body ?? "");
-}
-
-function calls(sim: Sim): string[] {
-  return sim.requests().map((r) => `${r.method} ${r.target}`);
-}
-
-function only(sim: Sim, method: string, target: string): SimRequest {
-  const found = sim.requests().filter((r) => r.method === method && r.target === target);
-  expect(found.length).toBe(1);
-  return found[0];
-}
-
-function expectSent(sim: Sim, target: string, body: string): void {
-  expect(only(sim, "POST", target).raw.equals(Buffer.from(wire("POST", target, body)))).toBe(true);
-}
+useSandbox((fresh) => (sb = fresh));
 
 describe("a directory becomes workspace open", () => {
   test("vorn . opens the current directory in the only instance", async () => {
@@ -42,8 +15,8 @@ describe("a directory becomes workspace open", () => {
     expect(r.stdout).toBe(`Opened ${sb.work} on instance a\n`);
     expect(r.stderr).toBe("");
     expect(r.code).toBe(0);
-    expect(calls(a)).toEqual(["GET /instance", "POST /workspace", "POST /focus"]);
-    expectSent(a, "/workspace", JSON.stringify({ root: sb.work }));
+    expect(requestLog(a)).toEqual(["GET /instance", "POST /workspace", "POST /focus"]);
+    expectSent(a, "POST", "/workspace", JSON.stringify({ root: sb.work }));
   });
 
   test("vorn . -i abc opens it in abc, not in its prefix sibling", async () => {
@@ -51,8 +24,8 @@ describe("a directory becomes workspace open", () => {
     const r = await sb.run([".", "-i", "abc"]);
     expect(r.stdout).toBe(`Opened ${sb.work} on instance abc\n`);
     expect(r.code).toBe(0);
-    expectSent(abc, "/workspace", JSON.stringify({ root: sb.work }));
-    expect(calls(abcd)).toEqual(["GET /instance"]);
+    expectSent(abc, "POST", "/workspace", JSON.stringify({ root: sb.work }));
+    expect(requestLog(abcd)).toEqual(["GET /instance"]);
   });
 
   test("relative, parent and absolute folders", async () => {
@@ -69,7 +42,7 @@ describe("a directory becomes workspace open", () => {
       const r = await sb.run([word]);
       expect(r.stdout).toBe(`Opened ${expected} on instance a\n`);
       expect(r.code).toBe(0);
-      expectSent(a, "/workspace", JSON.stringify({ root: expected }));
+      expectSent(a, "POST", "/workspace", JSON.stringify({ root: expected }));
     }
   });
 
@@ -79,7 +52,7 @@ describe("a directory becomes workspace open", () => {
     const a = await sb.sim({ id: "a" });
     const r = await sb.run(["link"]);
     expect(r.stdout).toBe(`Opened ${link} on instance a\n`);
-    expectSent(a, "/workspace", JSON.stringify({ root: link }));
+    expectSent(a, "POST", "/workspace", JSON.stringify({ root: link }));
   });
 
   test("global flags after the folder are kept: --new with several instances", async () => {
@@ -116,7 +89,7 @@ describe("a directory becomes workspace open", () => {
     expect(r.stdout).toBe("");
     expect(r.stderr).toBe("vorn: unknown command '.' (vorn help)\n");
     expect(r.code).toBe(2);
-    expect(calls(a)).toEqual([]);
+    expect(requestLog(a)).toEqual([]);
   });
 });
 
@@ -128,7 +101,7 @@ describe("a file becomes file open", () => {
     expect(r.stdout).toBe(`Opened ${file}:12:5 on instance a\n`);
     expect(r.stderr).toBe("");
     expect(r.code).toBe(0);
-    expectSent(a, "/openFile", `{"path":"${file}","line":12,"col":5}`);
+    expectSent(a, "POST", "/openFile", `{"path":"${file}","line":12,"col":5}`);
   });
 
   test("an absolute file and a file whose name holds a colon", async () => {
@@ -141,7 +114,7 @@ describe("a file becomes file open", () => {
     a.clearRequests();
     r = await sb.run(["x:7"]);
     expect(r.stdout).toBe(`Opened ${odd}:undefined:undefined on instance a\n`);
-    expectSent(a, "/openFile", `{"path":"${odd}"}`);
+    expectSent(a, "POST", "/openFile", `{"path":"${odd}"}`);
     // Two trailing numbers are always line and column: "x:7:2" names a file "x", which is not here.
     r = await sb.run(["x:7:2"]);
     expect(r.stderr).toBe("vorn: unknown command 'x:7:2' (vorn help)\n");
@@ -150,7 +123,7 @@ describe("a file becomes file open", () => {
     a.clearRequests();
     r = await sb.run(["y:7.go:2"]);
     expect(r.stdout).toBe(`Opened ${named}:2:undefined on instance a\n`);
-    expectSent(a, "/openFile", `{"path":"${named}","line":2}`);
+    expectSent(a, "POST", "/openFile", `{"path":"${named}","line":2}`);
   });
 
   test("a line of 0 reaches file open and is refused there", async () => {
@@ -159,7 +132,7 @@ describe("a file becomes file open", () => {
     const r = await sb.run(["main.go:0"]);
     expect(r.stderr).toBe(`vorn file open: no line or column 0 in main.go:0 ${DASH} lines and columns count from 1\n`);
     expect(r.code).toBe(2);
-    expect(calls(a)).toEqual([]);
+    expect(requestLog(a)).toEqual([]);
   });
 
   test("a file in two nested workspaces is ambiguous", async () => {
@@ -197,15 +170,15 @@ describe("an explicit socket", () => {
     expect(r.stdout).toBe("Opened missing.go:undefined:undefined on instance far\n");
     expect(r.stderr).toBe("");
     expect(r.code).toBe(0);
-    expect(calls(far)).toEqual(["GET /instance", "POST /openFile"]);
-    expectSent(far, "/openFile", `{"path":"missing.go"}`);
+    expect(requestLog(far)).toEqual(["GET /instance", "POST /openFile"]);
+    expectSent(far, "POST", "/openFile", `{"path":"missing.go"}`);
   });
 
   test("--sock=<path> and a position", async () => {
     const far = await sb.sim({ id: "far", platform: "linux" });
     const r = await sb.run(["src/missing.go:8:1", `--sock=${far.sock}`]);
     expect(r.stdout).toBe("Opened src/missing.go:8:1 on instance far\n");
-    expectSent(far, "/openFile", `{"path":"src/missing.go","line":8,"col":1}`);
+    expectSent(far, "POST", "/openFile", `{"path":"src/missing.go","line":8,"col":1}`);
   });
 
   test("a local instance at that socket still needs the file here", async () => {
@@ -214,7 +187,7 @@ describe("an explicit socket", () => {
     expect(r.stdout).toBe("");
     expect(r.stderr).toBe("vorn file open: no such file: missing.go\n");
     expect(r.code).toBe(2);
-    expect(calls(a)).toEqual(["GET /instance"]);
+    expect(requestLog(a)).toEqual(["GET /instance"]);
   });
 
   test("a word without a dot or slash stays an unknown command", async () => {
@@ -222,7 +195,7 @@ describe("an explicit socket", () => {
     const r = await sb.run(["missing", "--sock", far.sock]);
     expect(r.stderr).toBe("vorn: unknown command 'missing' (vorn help)\n");
     expect(r.code).toBe(2);
-    expect(calls(far)).toEqual([]);
+    expect(requestLog(far)).toEqual([]);
   });
 
   test("a dead socket", async () => {

@@ -1,44 +1,23 @@
 // `vorn test run|rerun|cancel|status` against simulated instances: how a target becomes a body,
 // which instance gets it, and the exit status of failed runs.
 
-import { afterEach, beforeEach, describe, expect, setDefaultTimeout, test } from "bun:test";
-import { requestBytes, sandbox, type Sandbox, type Sim, type SimRequest } from "./harness";
+import { describe, expect, setDefaultTimeout, test } from "bun:test";
+import type { Sandbox } from "./harness";
+import { byPid, type Call, DASH, expectCalls, instanceTable, pretty, useSandbox } from "./support";
 
 setDefaultTimeout(60000);
 
 let sb: Sandbox;
 let app: string; // the working directory of most runs, and the workspace of the main instance
-beforeEach(async () => {
-  sb = await sandbox();
+useSandbox((fresh) => {
+  sb = fresh;
   app = sb.dir("work/app");
   sb.dir("work/app/pkg/foo");
   sb.file("work/app/foo_test.go", "package app\n");
   sb.file("work/app/pkg/foo/bar_test.go", "package foo\n");
 });
-afterEach(async () => {
-  await sb.cleanup();
-});
 
-const emDash = "\u2014";
-const byPid = (sims: Sim[]) => [...sims].sort((a, b) => a.pid - b.pid);
-const pretty = (value: unknown) => JSON.stringify(value, null, 2) + "\n";
-
-// Requests other than the scan's GET /instance probes.
-const calls = (s: Sim): SimRequest[] => s.requests().filter((r) => r.target !== "/instance");
-
-// The requests an instance received, byte for byte: [method, target, body text?].
-function expectCalls(s: Sim, expected: [string, string, string?][]): void {
-  expect(calls(s).map((r) => r.rawText)).toEqual(expected.map(([m, t, b]) => requestBytes(m, t, b).toString("utf8")));
-}
-const postTest = (body: string): [string, string, string] => ["POST", "/test", body];
-
-function table(rows: string[][]): string {
-  const widths: number[] = [];
-  for (const row of rows) row.forEach((c, i) => (widths[i] = Math.max(widths[i] ?? 0, [...c].length)));
-  return rows.map((row) => row.map((c, i) => c + " ".repeat(widths[i] + 2 - [...c].length)).join("")).join("\n");
-}
-const instanceTable = (sims: Sim[], workspace: (s: Sim) => string) =>
-  table([["ID", "PID", "MODE", "WORKSPACE", "SOCK"], ...sims.map((s) => [s.id, String(s.pid), "app", workspace(s), s.sock])]);
+const postTest = (body: string): Call => ["POST", "/test", body];
 
 // The simulator's summary of a finished run that passed.
 function passed(runId: number, target: string, extra: Record<string, unknown> = {}) {
@@ -171,7 +150,7 @@ describe("test run: which instance", () => {
     const sims = byPid(await sb.sims(2, (i) => ({ id: `two-${i}` })));
     const r = await run([]);
     expect(r.stdout).toBe("");
-    expect(r.stderr).toBe(instanceTable(sims, () => "(none)") + `\nvorn: 2 instances running ${emDash} pass -i ID (see vorn instance list)\n`);
+    expect(r.stderr).toBe(instanceTable(sims) + `\nvorn: 2 instances running ${DASH} pass -i ID (see vorn instance list)\n`);
     expect(r.code).toBe(2);
     for (const s of sims) expectCalls(s, []);
   });
@@ -182,7 +161,7 @@ describe("test run: which instance", () => {
     const withPath = await run(["pkg/foo"]);
     expect([withPath.stdout, withPath.stderr, withPath.code]).toEqual([
       "",
-      `vorn test run: no running instances ${emDash} open its folder first: vorn workspace open <dir>\n`,
+      `vorn test run: no running instances ${DASH} open its folder first: vorn workspace open <dir>\n`,
       1,
     ]);
   });
@@ -191,7 +170,7 @@ describe("test run: which instance", () => {
     const s = await sb.sim({ id: "s", workspace: sb.dir("work/other") });
     const r = await run(["pkg/foo"]);
     expect(r.stdout).toBe("");
-    expect(r.stderr).toBe(`vorn test run: no instance has ${app}/pkg/foo in its workspace ${emDash} run vorn workspace open <dir> first\n`);
+    expect(r.stderr).toBe(`vorn test run: no instance has ${app}/pkg/foo in its workspace ${DASH} run vorn workspace open <dir> first\n`);
     expect(r.code).toBe(1);
     expectCalls(s, []);
   });
@@ -201,8 +180,8 @@ describe("test run: which instance", () => {
     const r = await run(["pkg/foo"]);
     expect(r.stdout).toBe("");
     expect(r.stderr).toBe(
-      instanceTable(sims, (s) => (s.id === "outer" ? sb.work : app)) +
-        `\nvorn: test run: 2 instances have ${app}/pkg/foo in their workspace ${emDash} pass -i ID (see vorn instance list)\n`,
+      instanceTable(sims, { workspace: (s) => (s.id === "outer" ? sb.work : app) }) +
+        `\nvorn: test run: 2 instances have ${app}/pkg/foo in their workspace ${DASH} pass -i ID (see vorn instance list)\n`,
     );
     expect(r.code).toBe(2);
     for (const s of sims) expectCalls(s, []);
@@ -328,7 +307,7 @@ describe("test rerun", () => {
     expect([none.stdout, none.stderr, none.code]).toEqual(["", "vorn test rerun: no running instances\n", 1]);
     const sims = byPid(await sb.sims(2, (i) => ({ id: `re-${i}` })));
     const two = await sb.run(["test", "rerun", "last"]);
-    expect(two.stderr).toBe(instanceTable(sims, () => "(none)") + `\nvorn: 2 instances running ${emDash} pass -i ID (see vorn instance list)\n`);
+    expect(two.stderr).toBe(instanceTable(sims) + `\nvorn: 2 instances running ${DASH} pass -i ID (see vorn instance list)\n`);
     expect(two.code).toBe(2);
     const all = await sb.run(["test", "rerun", "last", "-a"]);
     const body = { ok: false, detail: "no previous test run", error: "no previous test run" };

@@ -1,29 +1,16 @@
 // `vorn version`: the CLI line and each instance's bridge protocol.
 
-import { afterEach, beforeEach, describe, expect, setDefaultTimeout, test } from "bun:test";
+import { describe, expect, setDefaultTimeout, test } from "bun:test";
 import fs from "node:fs";
-import { requestBytes, sandbox, type Sandbox, type Sim } from "./harness";
+import type { Sandbox, Sim } from "./harness";
+import { byPid, checkout, expectCalls, pretty, useSandbox } from "./support";
 
 setDefaultTimeout(60000);
 
 let sb: Sandbox;
-beforeEach(async () => {
-  sb = await sandbox();
-});
-afterEach(async () => {
-  await sb.cleanup();
-});
+useSandbox((fresh) => (sb = fresh));
 
-const byPid = (sims: Sim[]) => [...sims].sort((a, b) => a.pid - b.pid);
 const line = (s: Sim, protocol: string) => `instance ${s.id}: bridge protocol ${protocol}\n`;
-
-// A folder that the CLI recognises as a source checkout.
-function checkout(rel: string): string {
-  sb.file(`${rel}/MODULE.bazel`, "");
-  sb.file(`${rel}/tools/go.pin`, "");
-  sb.file(`${rel}/src/cli/vorn.ts`, "");
-  return sb.path(rel);
-}
 
 describe("vorn version", () => {
   test("with nothing running only the CLI line", async () => {
@@ -44,11 +31,7 @@ describe("vorn version", () => {
     expect(r.stdout).toBe("vorn 0.2.0\n" + byPid([a, b]).map((s) => line(s, proto(s))).join(""));
     expect(r.stderr).toBe("");
     expect(r.code).toBe(0);
-    for (const s of [a, b]) {
-      const got = s.requests().filter((q) => q.target !== "/instance");
-      expect(got.length).toBe(1);
-      expect(got[0].rawText).toBe(requestBytes("GET", "/health").toString("utf8"));
-    }
+    for (const s of [a, b]) expectCalls(s, [["GET", "/health"]]);
 
     const j = await sb.run(["version", "-o", "json"]);
     const parsed = JSON.parse(j.stdout);
@@ -56,7 +39,7 @@ describe("vorn version", () => {
       cli: "0.2.0",
       instances: byPid([a, b]).map((s) => ({ id: s.id, protocol: s === a ? 3 : "2.1-beta" })),
     });
-    expect(j.stdout).toBe(JSON.stringify(parsed, null, 2) + "\n");
+    expect(j.stdout).toBe(pretty(parsed));
   });
 
   test("protocol values are rendered like a script would, 3.0 as 3", async () => {
@@ -107,7 +90,7 @@ describe("vorn version", () => {
   });
 
   test("inside a checkout whose dev app runs, only that app; -a lists every instance", async () => {
-    const co = checkout("co");
+    const co = checkout(sb, "co");
     const [other, mine] = await Promise.all([sb.sim({ id: "other" }), sb.sim({ id: "mine", vornRoot: co, protocol: 4 })]);
     sb.file("co/.cache/vorn/dev-app.json", JSON.stringify({ pid: mine.pid, socketPath: mine.sock }));
     const r = await sb.run(["version"], { cwd: sb.dir("co/src") });

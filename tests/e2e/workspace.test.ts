@@ -1,59 +1,14 @@
 // `vorn workspace open|show|tree` against simulated instances.
 
-import { afterEach, beforeEach, describe, expect, test } from "bun:test";
+import { describe, expect, test } from "bun:test";
 import fs from "node:fs";
-import path from "node:path";
-import { sandbox, type Sandbox, type Sim, type SimRequest } from "./harness";
+import type { Sandbox, Sim } from "./harness";
+import { byPid, checkout, expectSent, expectWire, instanceTable, only, pretty, requestLog, useSandbox } from "./support";
 
 let sb: Sandbox;
-beforeEach(async () => {
-  sb = await sandbox();
-});
-afterEach(async () => {
-  await sb.cleanup();
-});
+useSandbox((fresh) => (sb = fresh));
 
 const onLinux = process.platform === "linux";
-
-// The bytes the CLI sends for one request.
-function wire(method: string, target: string, body?: string): string {
-  let text = `${method} ${target} HTTP/1.1\r\nHost: unix\r\nConnection: close\r\nAccept: */*\r\n`;
-  if (body !== undefined) text += "Content-Type: application/json\r\n";
-  if (body !== undefined || method === "POST") text += `Content-Length: ${Buffer.byteLength(body ?? "")}\r\n`;
-  return text + "\r\n" + (body ?? "");
-}
-
-function calls(sim: Sim): string[] {
-  return sim.requests().map((r) => `${r.method} ${r.target}`);
-}
-
-function only(sim: Sim, method: string, target: string): SimRequest {
-  const found = sim.requests().filter((r) => r.method === method && r.target === target);
-  expect(found.length).toBe(1);
-  return found[0];
-}
-
-// The instance table above an ambiguity error: ID, PID, MODE, WORKSPACE, SOCK, each cell padded
-// to its column's width (in characters) plus two spaces.
-function table(sims: Sim[], workspaces: string[]): string {
-  const rows = [["ID", "PID", "MODE", "WORKSPACE", "SOCK"]];
-  sims.forEach((s, i) => rows.push([s.id, String(s.pid), "app", workspaces[i] || "(none)", s.sock]));
-  const width = rows[0].map((_, c) => Math.max(...rows.map((r) => [...r[c]].length)));
-  return rows.map((r) => r.map((cell, c) => cell + " ".repeat(width[c] - [...cell].length + 2)).join("")).join("\n");
-}
-
-function byPid(sims: Sim[]): Sim[] {
-  return [...sims].sort((a, b) => a.pid - b.pid);
-}
-
-// A source checkout: the three marker files.
-function checkout(rel: string): string {
-  const root = sb.dir(rel);
-  sb.file(path.join(rel, "MODULE.bazel"), "module(name = \"vorn\")\n");
-  sb.file(path.join(rel, "tools/go.pin"), "go1.22\n");
-  sb.file(path.join(rel, "src/cli/vorn.ts"), "// cli\n");
-  return root;
-}
 
 function exists(p: string): boolean {
   try {
@@ -71,7 +26,7 @@ describe("workspace open: usage errors", () => {
     expect(r.stderr).toBe("vorn workspace open: missing directory\n");
     expect(r.stdout).toBe("");
     expect(r.code).toBe(2);
-    expect(calls(a)).toEqual([]);
+    expect(requestLog(a)).toEqual([]);
   });
 
   test("--all is rejected before any socket is touched", async () => {
@@ -82,7 +37,7 @@ describe("workspace open: usage errors", () => {
       expect(r.stdout).toBe("");
       expect(r.code).toBe(2);
     }
-    expect(calls(a)).toEqual([]);
+    expect(requestLog(a)).toEqual([]);
   });
 
   test("--all is rejected even when no instance runs, in JSON too", async () => {
@@ -100,7 +55,7 @@ describe("workspace open: usage errors", () => {
     expect(r.stderr).toBe("vorn workspace open: not a directory: somefile.go (files: vorn file open)\n");
     expect(r.stdout).toBe("");
     expect(r.code).toBe(2);
-    expect(calls(a)).toEqual([]);
+    expect(requestLog(a)).toEqual([]);
   });
 
   test("a missing folder is reported as typed", async () => {
@@ -116,7 +71,7 @@ describe("workspace open: usage errors", () => {
     const r = await sb.run(["workspace", "open", "x", "y"]);
     expect(r.stderr).toBe("vorn workspace open: unexpected argument 'y'\n");
     expect(r.code).toBe(2);
-    expect(calls(a)).toEqual([]);
+    expect(requestLog(a)).toEqual([]);
   });
 });
 
@@ -128,10 +83,10 @@ describe("workspace open: choosing the instance", () => {
     expect(r.stdout).toBe(`Opened ${app} on instance a\n`);
     expect(r.stderr).toBe("");
     expect(r.code).toBe(0);
-    expect(calls(a)).toEqual(["GET /instance", "POST /workspace", "POST /focus"]);
+    expect(requestLog(a)).toEqual(["GET /instance", "POST /workspace", "POST /focus"]);
     const body = JSON.stringify({ root: app });
-    expect(only(a, "POST", "/workspace").raw.toString()).toBe(wire("POST", "/workspace", body));
-    expect(only(a, "POST", "/focus").raw.toString()).toBe(wire("POST", "/focus"));
+    expectSent(a, "POST", "/workspace", body);
+    expectSent(a, "POST", "/focus");
     expect((await a.state()).workspace).toBe(app);
   });
 
@@ -169,7 +124,7 @@ describe("workspace open: choosing the instance", () => {
     const r = await sb.run(["workspace", "open", "Café ☕"]);
     expect(r.stdout).toBe(`Opened ${dir} on instance a\n`);
     const body = `{"root":"${dir}"}`;
-    expect(only(a, "POST", "/workspace").raw.equals(Buffer.from(wire("POST", "/workspace", body)))).toBe(true);
+    expectSent(a, "POST", "/workspace", body);
   });
 
   test("-i picks one of several; the others get no request but the scan", async () => {
@@ -179,8 +134,8 @@ describe("workspace open: choosing the instance", () => {
     expect(r.stdout).toBe(`Opened ${app} on instance b\n`);
     expect(r.stderr).toBe("");
     expect(r.code).toBe(0);
-    expect(calls(a)).toEqual(["GET /instance"]);
-    expect(calls(b)).toEqual(["GET /instance", "POST /workspace", "POST /focus"]);
+    expect(requestLog(a)).toEqual(["GET /instance"]);
+    expect(requestLog(b)).toEqual(["GET /instance", "POST /workspace", "POST /focus"]);
   });
 
   test("an id prefix matching several opens in the first by pid", async () => {
@@ -189,7 +144,7 @@ describe("workspace open: choosing the instance", () => {
     const r = await sb.run(["workspace", "open", "app", "-i", "ab"]);
     expect(r.stdout).toBe(`Opened ${app} on instance ${sims[0].id}\n`);
     expect(r.code).toBe(0);
-    expect(calls(sims[1])).toEqual(["GET /instance"]);
+    expect(requestLog(sims[1])).toEqual(["GET /instance"]);
   });
 
   test("--pid and --sock select too", async () => {
@@ -202,8 +157,8 @@ describe("workspace open: choosing the instance", () => {
     expect(r.stdout).toBe(`Opened ${app} on instance b\n`);
     expect(r.code).toBe(0);
     // --sock talks to that socket only: no scan of the others.
-    expect(calls(a)).toEqual(["GET /instance", "POST /workspace", "POST /focus"]);
-    expect(calls(b)).toEqual(["GET /instance", "GET /instance", "POST /workspace", "POST /focus"]);
+    expect(requestLog(a)).toEqual(["GET /instance", "POST /workspace", "POST /focus"]);
+    expect(requestLog(b)).toEqual(["GET /instance", "GET /instance", "POST /workspace", "POST /focus"]);
   });
 
   test("a selector that matches nothing, and a dead socket", async () => {
@@ -226,12 +181,11 @@ describe("workspace open: choosing the instance", () => {
     sb.dir("work/app");
     const wsA = sb.dir("work/one");
     const sims = byPid(await sb.sims(2, (i) => ({ id: ["a", "b"][i], workspace: i === 0 ? wsA : "" })));
-    const workspaces = sims.map((s) => (s.id === "a" ? wsA : ""));
     const r = await sb.run(["workspace", "open", "app"]);
     expect(r.stdout).toBe("");
-    expect(r.stderr).toBe(table(sims, workspaces) + "\nvorn workspace open: 2 instances running \u2014 pass -i ID or --new\n");
+    expect(r.stderr).toBe(instanceTable(sims, { workspace: (s) => (s.id === "a" ? wsA : "(none)") }) + "\nvorn workspace open: 2 instances running \u2014 pass -i ID or --new\n");
     expect(r.code).toBe(2);
-    for (const s of sims) expect(calls(s)).toEqual(["GET /instance"]);
+    for (const s of sims) expect(requestLog(s)).toEqual(["GET /instance"]);
   });
 
   test("the ambiguity in JSON lists the ids", async () => {
@@ -252,54 +206,54 @@ describe("workspace open: choosing the instance", () => {
 
 describe("workspace open: inside a checkout", () => {
   test("the checkout's dev app wins even when other instances run", async () => {
-    const root = checkout("work/repo");
+    const root = checkout(sb, "work/repo");
     const [a, dev, b] = await sb.sims(3, (i) => ({ id: ["a", "dev", "b"][i] }));
     sb.file("work/repo/.cache/vorn/dev-app.json", JSON.stringify({ pid: dev.pid, socketPath: dev.sock }));
     const r = await sb.run(["workspace", "open", "."], { cwd: root });
     expect(r.stdout).toBe(`Opened ${root} on instance dev\n`);
     expect(r.stderr).toBe("");
     expect(r.code).toBe(0);
-    expect(calls(dev)).toEqual(["GET /instance", "POST /workspace", "POST /focus"]);
-    expect(calls(a)).toEqual([]);
-    expect(calls(b)).toEqual([]);
+    expect(requestLog(dev)).toEqual(["GET /instance", "POST /workspace", "POST /focus"]);
+    expect(requestLog(a)).toEqual([]);
+    expect(requestLog(b)).toEqual([]);
   });
 
   test("without a dev app, the one instance started from the checkout is used", async () => {
-    const root = checkout("work/repo");
+    const root = checkout(sb, "work/repo");
     const [a, mine] = await sb.sims(2, (i) => ({ id: ["a", "mine"][i], vornRoot: i === 1 ? root : "/opt/vorn" }));
     const r = await sb.run(["workspace", "open", "."], { cwd: root });
     expect(r.stdout).toBe(`Opened ${root} on instance mine\n`);
     expect(r.code).toBe(0);
-    expect(calls(a)).toEqual(["GET /instance"]);
-    expect(calls(mine)).toEqual(["GET /instance", "POST /workspace", "POST /focus"]);
+    expect(requestLog(a)).toEqual(["GET /instance"]);
+    expect(requestLog(mine)).toEqual(["GET /instance", "POST /workspace", "POST /focus"]);
   });
 
   test("VORN_PID counts an instance as the checkout's", async () => {
-    const root = checkout("work/repo");
+    const root = checkout(sb, "work/repo");
     const [a, b] = await sb.sims(2, (i) => ({ id: ["a", "b"][i] }));
     const r = await sb.run(["workspace", "open", "."], { cwd: root, env: { VORN_PID: String(b.pid) } });
     expect(r.stdout).toBe(`Opened ${root} on instance b\n`);
     expect(r.code).toBe(0);
-    expect(calls(a)).toEqual(["GET /instance"]);
+    expect(requestLog(a)).toEqual(["GET /instance"]);
   });
 
   test("no instance of this checkout: exit 2 listing every instance", async () => {
-    const root = checkout("work/repo");
+    const root = checkout(sb, "work/repo");
     const sims = byPid(await sb.sims(2, (i) => ({ id: ["a", "b"][i], vornRoot: "/opt/vorn" })));
     const r = await sb.run(["workspace", "open", "."], { cwd: root });
     expect(r.stdout).toBe("");
     expect(r.stderr).toBe(
-      table(sims, ["", ""]) +
+      instanceTable(sims) +
         "\nvorn workspace open: no app for this checkout \u2014 vorn dev app start, or pass -i ID (see vorn instance list)\n",
     );
     expect(r.code).toBe(2);
   });
 
   test("two instances of this checkout are ambiguous", async () => {
-    const root = checkout("work/repo");
+    const root = checkout(sb, "work/repo");
     const sims = byPid(await sb.sims(2, (i) => ({ id: ["a", "b"][i], vornRoot: root })));
     const r = await sb.run(["workspace", "open", "."], { cwd: root });
-    expect(r.stderr).toBe(table(sims, ["", ""]) + "\nvorn workspace open: 2 instances running \u2014 pass -i ID or --new\n");
+    expect(r.stderr).toBe(instanceTable(sims) + "\nvorn workspace open: 2 instances running \u2014 pass -i ID or --new\n");
     expect(r.code).toBe(2);
   });
 });
@@ -331,7 +285,7 @@ describe("workspace open: launching", () => {
       "vorn workspace open: no app can be launched on this system (the Vorn app runs on macOS) \u2014 start an instance with vorn server start <dir>\n",
     );
     expect(r.code).toBe(1);
-    for (const s of sims) expect(calls(s)).toEqual(["GET /instance"]);
+    for (const s of sims) expect(requestLog(s)).toEqual(["GET /instance"]);
     expect(exists(marker)).toBe(false);
   });
 
@@ -354,7 +308,7 @@ describe("workspace open: launching", () => {
     const r = await sb.run(["workspace", "open", "app", "--new", "-i", "a"]);
     expect(r.stdout).toBe(`Opened ${app} on instance a\n`);
     expect(r.code).toBe(0);
-    expect(calls(a)).toEqual(["GET /instance", "POST /workspace", "POST /focus"]);
+    expect(requestLog(a)).toEqual(["GET /instance", "POST /workspace", "POST /focus"]);
   });
 });
 
@@ -376,7 +330,7 @@ describe("workspace open: replies", () => {
     const r = await sb.run(["workspace", "open", "app"]);
     expect(r.stdout).toBe(`Opened ${app} on instance a\n`);
     expect(r.code).toBe(0);
-    expect(calls(a)).toEqual(["GET /instance", "POST /workspace", "POST /focus"]);
+    expect(requestLog(a)).toEqual(["GET /instance", "POST /workspace", "POST /focus"]);
   });
 
   test("a failing /focus is ignored", async () => {
@@ -398,7 +352,7 @@ describe("workspace open: replies", () => {
     expect(r.stdout).toBe("");
     expect(r.stderr).toBe("vorn: folder is not readable\n");
     expect(r.code).toBe(1);
-    expect(calls(a)).toEqual(["GET /instance", "POST /workspace"]);
+    expect(requestLog(a)).toEqual(["GET /instance", "POST /workspace"]);
   });
 
   test("an error status without an error text names the instance and status", async () => {
@@ -444,7 +398,7 @@ describe("workspace show", () => {
     expect(r.stdout).toBe('{\n  "open": true,\n  "root": "/w/app",\n  "name": "app",\n  "n": 1.5\n}\n');
     expect(r.stderr).toBe("");
     expect(r.code).toBe(0);
-    expect(only(a, "GET", "/workspace").raw.toString()).toBe(wire("GET", "/workspace"));
+    expectSent(a, "GET", "/workspace");
   });
 
   test("no folder open", async () => {
@@ -466,7 +420,7 @@ describe("workspace show", () => {
     const expected = {
       results: sims.map((s) => ({ id: s.id, ok: true, body: { root: rootOf(s) } })),
     };
-    expect(r.stdout).toBe(JSON.stringify(expected, null, 2) + "\n");
+    expect(r.stdout).toBe(pretty(expected));
     expect(r.code).toBe(0);
   });
 
@@ -477,7 +431,7 @@ describe("workspace show", () => {
     r = await sb.run(["workspace", "show", "-i", "b", "-o", "json"]);
     expect(JSON.parse(r.stdout)).toEqual({ results: [{ id: "b", ok: true, body: { open: false, root: null, name: null } }] });
     expect(r.code).toBe(0);
-    expect(calls(b).filter((c) => c === "GET /workspace").length).toBe(2);
+    expect(requestLog(b).filter((c) => c === "GET /workspace").length).toBe(2);
   });
 
   test("an error status prints the body and exits 1 without a message", async () => {
@@ -500,7 +454,7 @@ describe("workspace show", () => {
     const r = await sb.run(["workspace", "show", "x"]);
     expect(r.stderr).toBe("vorn workspace show: unexpected argument 'x'\n");
     expect(r.code).toBe(2);
-    expect(calls(a)).toEqual([]);
+    expect(requestLog(a)).toEqual([]);
   });
 });
 
@@ -514,10 +468,10 @@ describe("workspace tree", () => {
     expect(r.stderr).toBe("");
     expect(r.code).toBe(0);
     const req = only(a, "POST", "/api/listTree");
-    expect(req.raw.toString()).toBe(wire("POST", "/api/listTree"));
+    expectWire(req, "POST", "/api/listTree");
     expect(req.header("Content-Length")).toBe("0");
     const tree = JSON.parse(r.stdout);
-    expect(r.stdout).toBe(JSON.stringify(tree, null, 2) + "\n");
+    expect(r.stdout).toBe(pretty(tree));
     expect(tree.map((n: { name: string }) => n.name)).toEqual(["pkg", "main.go"]);
   });
 
