@@ -24,11 +24,16 @@ std::map<std::string, Handler> adapt(const VerbTable& verbs) {
 Commands buildCommands() {
   Commands commands;
   commands.handlers = {
-      {"instance", adapt(instanceVerbs())},       {"workspace", adapt(workspaceVerbs())},
-      {"file", adapt(fileVerbs())},               {"command", adapt(commandVerbs())},
-      {"diagnostics", adapt(diagnosticsVerbs())}, {"nogo", adapt(nogoVerbs())},
-      {"search", adapt(searchVerbs())},           {"test", adapt(testVerbs())},
-      {"language", adapt(languageVerbs())},       {"shell-command", {}},
+      {"instance", adapt(instanceVerbs())},
+      {"workspace", adapt(workspaceVerbs())},
+      {"file", adapt(fileVerbs())},
+      {"command", adapt(commandVerbs())},
+      {"diagnostics", adapt(diagnosticsVerbs())},
+      {"nogo", adapt(nogoVerbs())},
+      {"search", adapt(searchVerbs())},
+      {"test", adapt(testVerbs())},
+      {"language", adapt(languageVerbs())},
+      {"shell-command", {}},
       {"doctor", {}},
   };
   commands.outcomeHandlers = {{"server", {}}, {"remote", {}}};

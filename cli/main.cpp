@@ -19,7 +19,8 @@ namespace {
 
 std::vector<char*> cArgv(std::vector<std::string>& argv) {
   std::vector<char*> out;
-  for (std::string& arg : argv) out.push_back(arg.data());
+  for (std::string& arg : argv)
+    out.push_back(arg.data());
   out.push_back(nullptr);
   return out;
 }
@@ -49,7 +50,9 @@ int main(int argc, char** argv) {
     return replaceProcess(exec->argv, exec->root);
   }
   auto& host = std::get<vorn::Outcome::ExecHost>(outcome.value);
-  for (const auto& [name, value] : host.env) ::setenv(name.c_str(), value.c_str(), 1);
-  for (const std::string& name : host.unset) ::unsetenv(name.c_str());
+  for (const auto& [name, value] : host.env)
+    ::setenv(name.c_str(), value.c_str(), 1);
+  for (const std::string& name : host.unset)
+    ::unsetenv(name.c_str());
   return replaceProcess(host.argv, std::nullopt);
 }

@@ -23,6 +23,8 @@ struct CliError {
 };
 
 // A usage error: exit status 2.
-inline CliError usageError(std::string message) { return CliError{std::move(message), 2}; }
+inline CliError usageError(std::string message) {
+  return CliError{std::move(message), 2};
+}
 
 }  // namespace vorn

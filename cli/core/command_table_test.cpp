@@ -19,7 +19,8 @@ TEST(CommandTable, NounLookupIsExact) {
 
 TEST(CommandTable, NounsInOrder) {
   std::vector<std::string> nouns;
-  for (const NounSpec& noun : productNouns()) nouns.push_back(noun.noun);
+  for (const NounSpec& noun : productNouns())
+    nouns.push_back(noun.noun);
   EXPECT_EQ(nouns, (std::vector<std::string>{"instance", "workspace", "file", "command",
                                              "diagnostics", "nogo", "search", "test", "language",
                                              "server", "remote", "doctor", "shell-command"}));
@@ -42,7 +43,8 @@ TEST(CommandTable, OptionSpelling) {
     }
     EXPECT_FALSE(option.summary.empty());
   };
-  for (const OptionSpec& option : globalOptions()) check(option);
+  for (const OptionSpec& option : globalOptions())
+    check(option);
   for (const NounSpec& noun : productNouns()) {
     std::set<std::string> verbs;
     for (const VerbSpec& verb : noun.verbs) {

@@ -28,12 +28,14 @@ std::string formatTable(const std::vector<std::vector<std::string>>& rows) {
   std::vector<size_t> widths;
   for (const auto& row : rows) {
     if (widths.size() < row.size()) widths.resize(row.size(), 0);
-    for (size_t c = 0; c < row.size(); ++c) widths[c] = std::max(widths[c], charCount(row[c]));
+    for (size_t c = 0; c < row.size(); ++c)
+      widths[c] = std::max(widths[c], charCount(row[c]));
   }
   std::string out;
   for (size_t r = 0; r < rows.size(); ++r) {
     if (r) out += '\n';
-    for (size_t c = 0; c < rows[r].size(); ++c) appendPadded(out, rows[r][c], widths[c] + 2);
+    for (size_t c = 0; c < rows[r].size(); ++c)
+      appendPadded(out, rows[r][c], widths[c] + 2);
   }
   return out;
 }

@@ -52,7 +52,9 @@ TEST(ErrorOutput, JsonEscapesTheMessage) {
             "{\"error\":\"a \\\"q\\\"\\n\u2014\",\"code\":-1}");
 }
 
-TEST(ErrorOutput, DefaultCodeIsOne) { EXPECT_EQ(CliError{"x"}.code, 1); }
+TEST(ErrorOutput, DefaultCodeIsOne) {
+  EXPECT_EQ(CliError{"x"}.code, 1);
+}
 
 TEST(FormatTable, PadsEveryCellIncludingTheLast) {
   EXPECT_EQ(formatTable({{"a", "bb"}, {"ccc"}}), "a    bb  \nccc  ");

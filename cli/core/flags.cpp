@@ -49,7 +49,8 @@ std::vector<std::string> hoistGlobals(const std::vector<std::string>& args, size
   }
   std::vector<std::string> out = std::move(positionals);
   size_t dashes = i;
-  while (dashes < args.size() && args[dashes] != "--") ++dashes;
+  while (dashes < args.size() && args[dashes] != "--")
+    ++dashes;
   out.insert(out.end(), args.begin() + i, args.begin() + dashes);
   out.insert(out.end(), hoisted.begin(), hoisted.end());
   out.insert(out.end(), args.begin() + dashes, args.end());
@@ -74,7 +75,8 @@ CliError outputError(std::string_view value, const std::vector<OptionSpec>& verb
   std::string message = "-o takes json (got " + std::string(value) + ")";
   if (value.find('/') != std::string_view::npos || value.find('.') != std::string_view::npos) {
     bool hasOut = false;
-    for (const OptionSpec& option : verbOptions) hasOut = hasOut || option.name == "--out";
+    for (const OptionSpec& option : verbOptions)
+      hasOut = hasOut || option.name == "--out";
     message += hasOut ? ": -o is the output format; write the file with --out " + std::string(value)
                       : ": -o is the output format; this command takes no -o FILE";
   }
@@ -111,7 +113,8 @@ void assign(Flags& flags, const OptionSpec& option, std::optional<std::string> v
 
 }  // namespace
 
-Flags parseFlags(const std::vector<std::string>& words, const std::vector<OptionSpec>& verbOptions) {
+Flags parseFlags(const std::vector<std::string>& words,
+                 const std::vector<OptionSpec>& verbOptions) {
   Flags flags;
   for (size_t i = 0; i < words.size(); ++i) {
     const std::string& word = words[i];

@@ -37,7 +37,8 @@ std::pair<std::string_view, std::optional<std::string_view>> splitEq(std::string
 const OptionSpec* lookup(const std::vector<OptionSpec>& options, std::string_view word);
 bool isFlagWord(std::string_view word);
 std::vector<std::string> hoistGlobals(const std::vector<std::string>& args, size_t count = 2);
-bool wantsJSON(const std::vector<std::string>& args, const std::vector<OptionSpec>& verbOptions = {});
+bool wantsJSON(const std::vector<std::string>& args,
+               const std::vector<OptionSpec>& verbOptions = {});
 // Throws CliError (code 2).
 Flags parseFlags(const std::vector<std::string>& words, const std::vector<OptionSpec>& verbOptions);
 struct CliError;

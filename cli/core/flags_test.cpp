@@ -9,7 +9,9 @@ namespace {
 
 using Words = std::vector<std::string>;
 
-const std::vector<OptionSpec>& listOptions() { return findNoun("instance")->verb("list")->options; }
+const std::vector<OptionSpec>& listOptions() {
+  return findNoun("instance")->verb("list")->options;
+}
 
 std::string parseError(const Words& words, const std::vector<OptionSpec>& options) {
   try {
@@ -109,8 +111,8 @@ TEST(ParseFlags, JsonFlagAnywhereGivesTheSameFlags) {
 }
 
 TEST(ParseFlags, GlobalsAndVerbOptions) {
-  Flags f = flagsOf({"instance", "list", "--prune", "-q", "-i", "ab", "--pid", "42",
-                     "--sock=/s=1", "-a", "extra"});
+  Flags f = flagsOf({"instance", "list", "--prune", "-q", "-i", "ab", "--pid", "42", "--sock=/s=1",
+                     "-a", "extra"});
   EXPECT_EQ(f.instance, "ab");
   EXPECT_EQ(f.pid, 42);
   EXPECT_EQ(f.sock, "/s=1");
@@ -198,9 +200,15 @@ TEST(ParseFlags, VerbOptionWinsOverAGlobalOfTheSameName) {
 TEST(ParseFlags, OddWordsNeverCrash) {
   std::string longWord(100000, 'x');
   std::string invalidUtf8 = "\xff\xfe\xc3";
-  for (const Words& words : std::vector<Words>{{""}, {"="}, {"--"}, {"-"}, {longWord},
-                                                {"--" + longWord}, {invalidUtf8},
-                                                {"-" + invalidUtf8}, {"--=x"}}) {
+  for (const Words& words : std::vector<Words>{{""},
+                                               {"="},
+                                               {"--"},
+                                               {"-"},
+                                               {longWord},
+                                               {"--" + longWord},
+                                               {invalidUtf8},
+                                               {"-" + invalidUtf8},
+                                               {"--=x"}}) {
     try {
       parseFlags(words, listOptions());
     } catch (const CliError& error) {

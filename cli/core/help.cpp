@@ -47,7 +47,8 @@ void append(std::vector<std::string>& lines, std::vector<std::string> more) {
 
 std::vector<std::string> optionLines(const std::vector<OptionSpec>& options) {
   size_t width = 0;
-  for (const OptionSpec& option : options) width = std::max(width, charCount(leftPart(option)));
+  for (const OptionSpec& option : options)
+    width = std::max(width, charCount(leftPart(option)));
   std::vector<std::string> lines;
   for (const OptionSpec& option : options) {
     std::string line = "  ";
@@ -83,7 +84,8 @@ std::vector<std::string> globalHelp(const std::vector<OptionSpec>& verbOptions) 
   append(lines, optionLines(shown));
   if (!clashing.empty()) {
     std::string line = "  (";
-    for (size_t i = 0; i < clashing.size(); ++i) line += (i ? "; " : "") + clashing[i];
+    for (size_t i = 0; i < clashing.size(); ++i)
+      line += (i ? "; " : "") + clashing[i];
     line += ": this verb's own option above)";
     lines.push_back(std::move(line));
   }
@@ -110,7 +112,8 @@ std::string topHelp() {
   for (const NounSpec& noun : productNouns()) {
     lines.push_back("");
     lines.push_back(noun.noun + " \u2014 " + noun.summary);
-    for (const VerbSpec& verb : noun.verbs) lines.push_back("  " + verb.usage);
+    for (const VerbSpec& verb : noun.verbs)
+      lines.push_back("  " + verb.usage);
   }
   lines.push_back("");
   append(lines, globalHelp({}));
@@ -128,7 +131,8 @@ std::string topHelp() {
 
 std::vector<std::string> verbHelp(const VerbSpec& verb) {
   std::vector<std::string> lines = {"  " + verb.usage, "      " + verb.summary};
-  for (std::string& line : optionLines(verb.options)) lines.push_back("    " + line);
+  for (std::string& line : optionLines(verb.options))
+    lines.push_back("    " + line);
   return lines;
 }
 

@@ -21,7 +21,8 @@ TEST(OptionLines, AlignsToTheWidestLeftPart) {
 TEST(VerbHelp, SearchOptionsPadToIncludeGlobs) {
   std::vector<std::string> lines = verbHelp(*findNoun("search")->verb("run"));
   ASSERT_EQ(lines.size(), 8u);
-  EXPECT_EQ(lines[1], "      GET /search: prints path:line:col: preview (exit 1 when nothing matched)");
+  EXPECT_EQ(lines[1],
+            "      GET /search: prints path:line:col: preview (exit 1 when nothing matched)");
   EXPECT_EQ(lines[2], "      --regex          pattern is a regular expression");
   EXPECT_EQ(lines[5], "      --include GLOBS  only these files (VS Code-style: *.go, pkg/)");
   EXPECT_EQ(lines[7], "      --max N          result cap (default 10k)");

@@ -72,7 +72,8 @@ Outcome VornCLI::dispatch(const std::vector<std::string>& args, Context& ctx,
     throw unknownCommand(words[0]);
   }
   if (!second) {
-    CliError error = usageError("vorn " + noun->noun + ": missing verb (" + noun->verbNames() + ")");
+    CliError error =
+        usageError("vorn " + noun->noun + ": missing verb (" + noun->verbNames() + ")");
     error.preface = nounHelp(*noun);
     throw error;
   }

@@ -127,7 +127,8 @@ TEST_F(RouterTest, NotImplemented) {
   EXPECT_EQ(io.err, "vorn doctor check: not implemented in this CLI\n");
   io.err.clear();
   EXPECT_EQ(run({"instance", "health", "-o", "json"}), Outcome::exit(1));
-  EXPECT_EQ(io.err, "{\"error\":\"vorn instance health: not implemented in this CLI\",\"code\":1}\n");
+  EXPECT_EQ(io.err,
+            "{\"error\":\"vorn instance health: not implemented in this CLI\",\"code\":1}\n");
 }
 
 TEST_F(RouterTest, HandlerGetsHoistedFlags) {
@@ -193,16 +194,23 @@ TEST_F(RouterTest, OnlyAFirstWordVersionTakesTheVersionPath) {
 }
 
 TEST_F(RouterTest, DevIsHandedOverUntouched) {
-  EXPECT_EQ(run({"dev", "anything", "--weird", "-o", "json"}), Outcome::exec({"bun", "x"}, "/root"));
+  EXPECT_EQ(run({"dev", "anything", "--weird", "-o", "json"}),
+            Outcome::exec({"bun", "x"}, "/root"));
   EXPECT_EQ(delegated, (Words{"anything", "--weird", "-o", "json"}));
   EXPECT_EQ(io.err, "");
 }
 
 TEST_F(RouterTest, OddArgumentVectorsNeverCrash) {
   std::string longWord(200000, 'z');
-  for (const Words& args : std::vector<Words>{{""}, {"="}, {"--"}, {"-"}, {"\xff\xfe"},
-                                               {longWord}, {"instance", ""}, {"", "", ""},
-                                               {"instance", "list", "--", "--help"}}) {
+  for (const Words& args : std::vector<Words>{{""},
+                                              {"="},
+                                              {"--"},
+                                              {"-"},
+                                              {"\xff\xfe"},
+                                              {longWord},
+                                              {"instance", ""},
+                                              {"", "", ""},
+                                              {"instance", "list", "--", "--help"}}) {
     Outcome outcome = run(args);
     auto* exit = std::get_if<Outcome::Exit>(&outcome.value);
     ASSERT_NE(exit, nullptr);
@@ -225,7 +233,8 @@ struct ShorthandTest : RouterTest {
 };
 
 TEST_F(ShorthandTest, DirectoryBecomesWorkspaceOpen) {
-  EXPECT_EQ(pathShorthand({".", "-i", "abc"}, io.ctx), (Words{"workspace", "open", ".", "-i", "abc"}));
+  EXPECT_EQ(pathShorthand({".", "-i", "abc"}, io.ctx),
+            (Words{"workspace", "open", ".", "-i", "abc"}));
   EXPECT_EQ(run({".", "-i", "abc"}), Outcome::exit(0));
   ASSERT_EQ(calls.size(), 1u);
   EXPECT_EQ(calls[0].first, "workspace open");

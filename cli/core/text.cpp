@@ -6,7 +6,8 @@ namespace vorn {
 
 size_t charCount(std::string_view text) {
   size_t n = 0;
-  for (unsigned char c : text) n += (c & 0xC0) != 0x80;
+  for (unsigned char c : text)
+    n += (c & 0xC0) != 0x80;
   return n;
 }
 

@@ -12,8 +12,10 @@ namespace vorn {
 
 std::optional<std::string> checkoutRoot(const Context& ctx);
 // `vorn dev <words...>` becomes `bun <root>/src/cli/vorn.ts dev <words...>`; throws CliError.
-Outcome delegate(const Context& ctx, const std::vector<std::string>& args, const std::string& label);
+Outcome delegate(const Context& ctx, const std::vector<std::string>& args,
+                 const std::string& label);
 // What to print when replacing the process with `program` failed with `error`.
-std::string execFailure(const std::string& program, int error, const std::optional<std::string>& root);
+std::string execFailure(const std::string& program, int error,
+                        const std::optional<std::string>& root);
 
 }  // namespace vorn

@@ -477,7 +477,6 @@ class WriterSink {
 
 }  // namespace
 
-
 JSON JSON::parse(std::string_view text) {
   TreeSink sink;
   Reader<TreeSink>(text, sink).parse();

@@ -31,12 +31,14 @@ std::string viaReformat(std::string_view text, int indent) {
 
 void expectSame(std::string_view text) {
   for (int indent : {0, 2, 4}) {
-    ASSERT_EQ(viaReformat(text, indent), viaTree(text, indent)) << "indent " << indent << ": " << text;
+    ASSERT_EQ(viaReformat(text, indent), viaTree(text, indent))
+        << "indent " << indent << ": " << text;
   }
 }
 
 TEST(JSONReformat, Examples) {
-  EXPECT_EQ(JSON::reformat("{\"a\":1,\"b\":[true]}", 2), "{\n  \"a\": 1,\n  \"b\": [\n    true\n  ]\n}");
+  EXPECT_EQ(JSON::reformat("{\"a\":1,\"b\":[true]}", 2),
+            "{\n  \"a\": 1,\n  \"b\": [\n    true\n  ]\n}");
   EXPECT_EQ(JSON::reformat(" [ {} , [ ] ] ", 2), "[\n  {},\n  []\n]");
   EXPECT_EQ(JSON::reformat("[ {} , [ ] ]", 0), "[{},[]]");
   EXPECT_EQ(JSON::reformat("\"\\u00e9\\/\"", 2), "\"\u00e9/\"");
@@ -45,11 +47,40 @@ TEST(JSONReformat, Examples) {
 }
 
 TEST(JSONReformat, AgreesWithTheTreeOnHandWrittenCases) {
-  for (const char* text :
-       {"", "   ", "null", "true", "false", "0", "-0", "+5", ".5", "1e400", "\"\"", "[]", "{}",
-        "[[[]]]", "{\"a\":{\"b\":{}}}", "[1,[2,[3,{\"x\":[]}]],{}]", "{\"k\":\"\\ud83d\\ude00\"}",
-        "\"a\xff\"", "[1 2]", "[1,", "[1", "{\"a\" 1}", "{1:2}", "{\"a\":1,}", "[1,]", "nul",
-        "true false", "\"\\u12\"", "\"abc", "{\"a\"", "{\"a\":", "-", "1-2", "[\"\\q\"]"}) {
+  for (const char* text : {"",
+                           "   ",
+                           "null",
+                           "true",
+                           "false",
+                           "0",
+                           "-0",
+                           "+5",
+                           ".5",
+                           "1e400",
+                           "\"\"",
+                           "[]",
+                           "{}",
+                           "[[[]]]",
+                           "{\"a\":{\"b\":{}}}",
+                           "[1,[2,[3,{\"x\":[]}]],{}]",
+                           "{\"k\":\"\\ud83d\\ude00\"}",
+                           "\"a\xff\"",
+                           "[1 2]",
+                           "[1,",
+                           "[1",
+                           "{\"a\" 1}",
+                           "{1:2}",
+                           "{\"a\":1,}",
+                           "[1,]",
+                           "nul",
+                           "true false",
+                           "\"\\u12\"",
+                           "\"abc",
+                           "{\"a\"",
+                           "{\"a\":",
+                           "-",
+                           "1-2",
+                           "[\"\\q\"]"}) {
     expectSame(text);
   }
 }

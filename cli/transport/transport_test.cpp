@@ -510,7 +510,8 @@ TEST(TransportRequest, ExchangeLeavesTheBodyAsText) {
   RawReply raw = Transport::exchange(server.path(), "GET", "/x");
   EXPECT_EQ(raw.status, 201);
   EXPECT_EQ(raw.body, "{\"a\": [1, 2]");
-  EXPECT_EQ(Transport::toReply(raw).body.serialized(0), "{\"error\":\"HTTP 201: not JSON ({\\\"a\\\": [1, 2])\"}");
+  EXPECT_EQ(Transport::toReply(raw).body.serialized(0),
+            "{\"error\":\"HTTP 201: not JSON ({\\\"a\\\": [1, 2])\"}");
 }
 
 // A length far beyond what arrives is not trusted for the receive buffer.
