@@ -92,6 +92,18 @@ void serialize(benchmark::State& state, int indent) {
   state.counters["bytes"] = static_cast<double>(size);
 }
 
+// Reply text straight to indented text, as a large read reply is printed.
+void BM_ReformatIndent2(benchmark::State& state) {
+  const std::string& text = documentText();
+  for (auto _ : state) {
+    std::string out = JSON::reformat(text, 2);
+    benchmark::DoNotOptimize(out);
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) *
+                          static_cast<int64_t>(text.size()));
+  state.counters["bytes"] = static_cast<double>(text.size());
+}
+
 void BM_SerializeIndent2(benchmark::State& state) {
   serialize(state, 2);
 }
@@ -102,6 +114,7 @@ void BM_SerializeIndent0(benchmark::State& state) {
 BENCHMARK(BM_Parse)->Unit(benchmark::kMillisecond)->MinTime(2.0);
 BENCHMARK(BM_SerializeIndent2)->Unit(benchmark::kMillisecond)->MinTime(2.0);
 BENCHMARK(BM_SerializeIndent0)->Unit(benchmark::kMillisecond)->MinTime(2.0);
+BENCHMARK(BM_ReformatIndent2)->Unit(benchmark::kMillisecond)->MinTime(2.0);
 
 }  // namespace
 
