@@ -2,6 +2,7 @@
 
 import { describe, expect, test } from "bun:test";
 import fs from "node:fs";
+import path from "node:path";
 import type { Sandbox, Sim } from "./harness";
 import { byPid, checkout, expectSent, expectWire, instanceTable, only, pretty, requestLog, useSandbox } from "./support";
 
@@ -98,7 +99,7 @@ describe("workspace open: choosing the instance", () => {
       [["workspace", "open", "."], sb.work],
       [["workspace", "open", "app/sub/.."], app],
       [["workspace", "open", app + "//sub/"], app + "/sub"],
-      [["workspace", "open", "../work/./app"], app],
+      [["workspace", "open", "../" + path.basename(sb.work) + "/./app"], app],
     ];
     for (const [args, expected] of cases) {
       a.clearRequests();
