@@ -13,6 +13,7 @@
 #include <sstream>
 
 #include "json/json.h"
+#include "json/test_mutations.h"
 
 namespace vorn {
 namespace {
@@ -494,24 +495,7 @@ TEST(JSONFuzz, MutatedDocumentsParseOrFailWithAnOffset) {
   std::mt19937 rng(777);
   int parsed = 0;
   for (int i = 0; i < 4000; ++i) {
-    std::string text = seed;
-    int edits = 1 + static_cast<int>(rng() % 4);
-    for (int k = 0; k < edits && !text.empty(); ++k) {
-      size_t at = rng() % text.size();
-      switch (rng() % 4) {
-        case 0:
-          text[at] = static_cast<char>(rng() & 0xFF);
-          break;
-        case 1:
-          text.erase(at, 1 + rng() % 3);
-          break;
-        case 2:
-          text.insert(at, 1, seed[rng() % seed.size()]);
-          break;
-        default:
-          text.resize(at);
-      }
-    }
+    std::string text = mutated(seed, rng, 1, 4);
     try {
       JSON v = JSON::parse(text);
       ++parsed;

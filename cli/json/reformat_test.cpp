@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "json/json.h"
+#include "json/test_mutations.h"
 
 namespace vorn {
 namespace {
@@ -117,21 +118,7 @@ TEST(JSONReformat, AgreesOnMutatedDocuments) {
       "\"d\":[[],[{}]],\"e\":\"\xC3\xA9\",\"e\":[{\"f\":[[1],{\"g\":null}]}]}";
   std::mt19937 rng(4242);
   for (int i = 0; i < 3000; ++i) {
-    std::string text = seed;
-    int edits = static_cast<int>(rng() % 4);
-    for (int k = 0; k < edits && !text.empty(); ++k) {
-      size_t at = rng() % text.size();
-      switch (rng() % 3) {
-        case 0:
-          text[at] = static_cast<char>(rng() & 0xFF);
-          break;
-        case 1:
-          text.erase(at, 1 + rng() % 3);
-          break;
-        default:
-          text.insert(at, 1, seed[rng() % seed.size()]);
-      }
-    }
+    std::string text = mutated(seed, rng, 0, 3);
     expectSame(text);
   }
 }
