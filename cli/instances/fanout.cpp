@@ -56,11 +56,7 @@ std::string printed(const JSON& value) {
 // A reply body as printed() would show it, written straight from the received text: a large
 // reply (a whole file tree) is never held as a value as well.
 std::string printedBody(const RawReply& reply) {
-  try {
-    return JSON::reformat(reply.body, 2) + "\n";
-  } catch (const JSONParseError&) {
-    return printed(Transport::notJSON(reply.status, reply.body));
-  }
+  return Transport::bodyText(reply, 2) + "\n";
 }
 
 }  // namespace

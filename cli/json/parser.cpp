@@ -1,5 +1,5 @@
-// JSON text to value: a recursive-descent parser over UTF-8 bytes, strict about structure and
-// lenient about escapes, raw control bytes in strings and number spellings.
+// JSON text to a value, or straight to indented text: the two everyday uses of the grammar in
+// json/reader.h, and the helpers it shares.
 #include <charconv>
 #include <cstring>
 #include <iterator>
@@ -7,38 +7,11 @@
 #include <vector>
 
 #include "json/json.h"
+#include "json/reader.h"
 
 namespace vorn {
 
-namespace {
-
-constexpr int kMaxDepth = 511;  // deepest depth at which a value may stand
-
-constexpr uint64_t kOnes = 0x0101010101010101ull;
-constexpr uint64_t kHighs = 0x8080808080808080ull;
-
-inline uint64_t hasZeroByte(uint64_t w) {
-  return (w - kOnes) & ~w & kHighs;
-}
-
-struct ByteClasses {
-  bool space[256] = {};
-  bool number[256] = {};
-  constexpr ByteClasses() {
-    space[' '] = space['\t'] = space['\n'] = space['\r'] = true;
-    for (int c = '0'; c <= '9'; ++c)
-      number[c] = true;
-    number['+'] = number['-'] = number['.'] = number['e'] = number['E'] = true;
-  }
-};
-constexpr ByteClasses kClass;
-
-inline int hexValue(unsigned char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
+namespace JSONDetail {
 
 void appendScalar(std::string& out, uint32_t c) {
   if (c < 0x80) {
@@ -57,8 +30,6 @@ void appendScalar(std::string& out, uint32_t c) {
   }
 }
 
-// For a run that the decimal conversion accepted but whose value is out of the double range:
-// true when the magnitude is too large (the value becomes infinity), false when too small (zero).
 bool overflows(const char* p, const char* end) {
   if (p < end && (*p == '-' || *p == '+')) ++p;
   long long wholeDigits = 0, leadingZeros = 0;
@@ -91,321 +62,9 @@ bool overflows(const char* p, const char* end) {
   return wholeDigits - leadingZeros - 1 + exponent >= 0;
 }
 
-// The grammar, once. A Sink hears each value as it is read: null, boolean, number, string,
-// beginArray/endArray, beginObject/key/endObject. Strings reach it through a scratch buffer
-// that it may take over.
-template <typename Sink>
-class Reader {
- public:
-  Reader(std::string_view text, Sink& sink)
-      : begin_(text.data()), p_(text.data()), end_(text.data() + text.size()), sink_(sink) {}
+}  // namespace JSONDetail
 
-  void parse() {
-    skipSpace();
-    value(0);
-    skipSpace();
-    if (p_ != end_) fail("unexpected trailing data");
-  }
-
- private:
-  [[noreturn]] void fail(const char* text) const { fail(text, p_); }
-  [[noreturn]] void fail(const char* text, const char* at) const {
-    std::string message(text);
-    message += " at offset ";
-    message += std::to_string(at - begin_);
-    throw JSONParseError{std::move(message)};
-  }
-
-  void skipSpace() {
-    while (p_ < end_ && kClass.space[static_cast<unsigned char>(*p_)])
-      ++p_;
-  }
-
-  // Reads one value standing at the given depth; callers skip whitespace around it.
-  void value(int depth) {
-    if (depth > kMaxDepth) fail("nesting too deep");
-    if (p_ == end_) fail("unexpected end");
-    switch (*p_) {
-      case '"':
-        string(scratch_);
-        sink_.string(scratch_);
-        return;
-      case '[':
-        array(depth);
-        return;
-      case '{':
-        object(depth);
-        return;
-      case 't':
-        literal("true", 4);
-        sink_.boolean(true);
-        return;
-      case 'f':
-        literal("false", 5);
-        sink_.boolean(false);
-        return;
-      case 'n':
-        literal("null", 4);
-        sink_.null();
-        return;
-      default:
-        sink_.number(number());
-        return;
-    }
-  }
-
-  void literal(const char* word, size_t length) {
-    if (static_cast<size_t>(end_ - p_) < length || std::memcmp(p_, word, length) != 0) {
-      fail("bad literal");
-    }
-    p_ += length;
-  }
-
-  void array(int depth) {
-    ++p_;
-    skipSpace();
-    sink_.beginArray();
-    if (p_ < end_ && *p_ == ']') {
-      ++p_;
-      sink_.endArray();
-      return;
-    }
-    for (;;) {
-      value(depth + 1);
-      skipSpace();
-      if (p_ == end_) fail("unterminated array");
-      if (*p_ == ',') {
-        ++p_;
-        skipSpace();
-        continue;
-      }
-      if (*p_ == ']') {
-        ++p_;
-        break;
-      }
-      fail("expected , or ]");
-    }
-    sink_.endArray();
-  }
-
-  void object(int depth) {
-    ++p_;
-    skipSpace();
-    sink_.beginObject();
-    if (p_ < end_ && *p_ == '}') {
-      ++p_;
-      sink_.endObject();
-      return;
-    }
-    for (;;) {
-      if (p_ == end_) fail("unterminated object");
-      if (*p_ != '"') fail("expected a key");
-      string(scratch_);
-      sink_.key(scratch_);
-      skipSpace();
-      if (p_ == end_ || *p_ != ':') fail("expected :");
-      ++p_;
-      skipSpace();
-      value(depth + 1);
-      skipSpace();
-      if (p_ == end_) fail("unterminated object");
-      if (*p_ == ',') {
-        ++p_;
-        skipSpace();
-        continue;
-      }
-      if (*p_ == '}') {
-        ++p_;
-        break;
-      }
-      fail("expected , or }");
-    }
-    sink_.endObject();
-  }
-
-  // The position is at the opening quote. Runs of plain bytes are copied with one append; the
-  // collected bytes are checked as UTF-8 only when some byte had its high bit set.
-  void string(std::string& out) {
-    out.clear();
-    ++p_;
-    uint64_t high = 0;
-    for (;;) {
-      const char* run = p_;
-      while (end_ - p_ >= 8) {
-        uint64_t w;
-        std::memcpy(&w, p_, 8);
-        if (hasZeroByte(w ^ (kOnes * '"')) | hasZeroByte(w ^ (kOnes * '\\'))) break;
-        high |= w;
-        p_ += 8;
-      }
-      while (p_ < end_ && *p_ != '"' && *p_ != '\\') {
-        high |= static_cast<unsigned char>(*p_);
-        ++p_;
-      }
-      out.append(run, p_ - run);
-      if (p_ == end_) fail("unterminated string");
-      if (*p_ == '"') {
-        ++p_;
-        break;
-      }
-      ++p_;  // the backslash
-      if (p_ == end_) fail("unterminated string");
-      char c = *p_++;
-      switch (c) {
-        case 'b':
-          out.push_back('\b');
-          break;
-        case 'f':
-          out.push_back('\f');
-          break;
-        case 'n':
-          out.push_back('\n');
-          break;
-        case 'r':
-          out.push_back('\r');
-          break;
-        case 't':
-          out.push_back('\t');
-          break;
-        case 'u':
-          unicodeEscape(out);
-          break;
-        default:
-          // Any other escaped byte stands for itself ("\q" is "q").
-          high |= static_cast<unsigned char>(c);
-          out.push_back(c);
-      }
-    }
-    if ((high & kHighs) && !isValidUTF8(out)) out = toValidUTF8(out);
-  }
-
-  // The position is after "\u". A high surrogate joins a following "\u" low surrogate. When the
-  // second escape is not a low surrogate, the high one is lone (U+FFFD) and the second escape is
-  // decoded on its own, as if it had come first: it may itself start a pair, a lone surrogate
-  // gives U+FFFD and any other code is kept.
-  void unicodeEscape(std::string& out) {
-    uint32_t c = hex4();
-    while (c >= 0xD800 && c <= 0xDBFF && end_ - p_ >= 2 && p_[0] == '\\' && p_[1] == 'u') {
-      p_ += 2;
-      uint32_t d = hex4();
-      if (d >= 0xDC00 && d <= 0xDFFF) {
-        c = 0x10000 + ((c - 0xD800) << 10) + (d - 0xDC00);
-        break;
-      }
-      appendScalar(out, 0xFFFD);
-      c = d;
-    }
-    if (c >= 0xD800 && c <= 0xDFFF) c = 0xFFFD;
-    appendScalar(out, c);
-  }
-
-  uint32_t hex4() {
-    if (end_ - p_ < 4) fail("bad \\u escape");
-    uint32_t c = 0;
-    for (int i = 0; i < 4; ++i) {
-      int h = hexValue(static_cast<unsigned char>(*p_));
-      if (h < 0) fail("bad \\u escape");
-      c = c << 4 | static_cast<uint32_t>(h);
-      ++p_;
-    }
-    return c;
-  }
-
-  // The longest run of number bytes, which the decimal conversion must accept whole. A leading
-  // "+" is allowed, as the C library's conversion does; a value beyond the double range becomes
-  // infinity (printed as null) or zero.
-  double number() {
-    const char* start = p_;
-    while (p_ < end_ && kClass.number[static_cast<unsigned char>(*p_)])
-      ++p_;
-    const char* first = start;
-    const char* last = p_;
-    if (first == last) fail("bad number");
-
-    // Plain integers of up to 18 digits: exact in 64 bits, and one conversion to double rounds
-    // them correctly.
-    bool negative = *first == '-';
-    const char* d = first + negative;
-    if (d < last && last - d <= 18) {
-      uint64_t u = 0;
-      const char* q = d;
-      for (; q < last && *q >= '0' && *q <= '9'; ++q)
-        u = u * 10 + static_cast<uint64_t>(*q - '0');
-      if (q == last) {
-        double v = static_cast<double>(u);
-        return negative ? -v : v;
-      }
-    }
-
-    if (*first == '+') {
-      ++first;
-      if (first == last || *first == '+' || *first == '-') fail("bad number");
-    }
-    double v = 0;
-    auto r = std::from_chars(first, last, v);
-    if (r.ptr != last) fail("bad number");
-    if (r.ec == std::errc::result_out_of_range) {
-      v = overflows(first, last) ? std::numeric_limits<double>::infinity() : 0.0;
-      if (*first == '-') v = -v;
-    } else if (r.ec != std::errc()) {
-      fail("bad number");
-    }
-    return v;
-  }
-
-  const char* begin_;
-  const char* p_;
-  const char* end_;
-  Sink& sink_;
-  std::string scratch_;
-};
-
-// Builds the value. Finished values wait on one stack shared by all levels until their
-// container closes, and are then moved into a container of the exact size: one allocation per
-// container instead of one per growth step.
-class TreeSink {
- public:
-  void null() { values_.emplace_back(); }
-  void boolean(bool b) { values_.emplace_back(b); }
-  void number(double v) { values_.emplace_back(v); }
-  void string(std::string& s) { values_.emplace_back(std::move(s)); }
-  void key(std::string& k) { keys_.push_back(std::move(k)); }
-  void beginArray() { frames_.push_back({values_.size(), keys_.size()}); }
-  void beginObject() { frames_.push_back({values_.size(), keys_.size()}); }
-
-  void endArray() {
-    Frame f = frames_.back();
-    frames_.pop_back();
-    JSON::Array array(std::make_move_iterator(values_.begin() + f.values),
-                      std::make_move_iterator(values_.end()));
-    values_.resize(f.values);
-    values_.emplace_back(std::move(array));
-  }
-
-  void endObject() {
-    Frame f = frames_.back();
-    frames_.pop_back();
-    JSON::Object object;
-    object.reserve(values_.size() - f.values);
-    for (size_t i = f.values, k = f.keys; i < values_.size(); ++i, ++k) {
-      object.emplace_back(std::move(keys_[k]), std::move(values_[i]));
-    }
-    values_.resize(f.values);
-    keys_.resize(f.keys);
-    values_.emplace_back(std::move(object));
-  }
-
-  JSON result() { return std::move(values_.back()); }
-
- private:
-  struct Frame {
-    size_t values;
-    size_t keys;
-  };
-  std::vector<JSON> values_;
-  std::vector<std::string> keys_;
-  std::vector<Frame> frames_;
-};
+namespace {
 
 // Writes the text that serializing the value would give, as the value is read.
 class WriterSink {
@@ -479,7 +138,7 @@ class WriterSink {
 
 JSON JSON::parse(std::string_view text) {
   TreeSink sink;
-  Reader<TreeSink>(text, sink).parse();
+  readJSON(text, sink);
   return sink.result();
 }
 
@@ -488,7 +147,7 @@ std::string JSON::reformat(std::string_view text, int indent) {
   // Room for the usual growth of indented text; pages never written cost no memory.
   out.reserve(2 * text.size() + 64);
   WriterSink sink(out, indent);
-  Reader<WriterSink>(text, sink).parse();
+  readJSON(text, sink);
   return out;
 }
 

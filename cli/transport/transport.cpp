@@ -327,6 +327,14 @@ Reply toReply(const RawReply& raw) {
   return reply;
 }
 
+std::string bodyText(const RawReply& raw, int indent) {
+  try {
+    return JSON::reformat(raw.body, indent);
+  } catch (const JSONParseError&) {
+    return notJSON(raw.status, raw.body).serialized(indent);
+  }
+}
+
 Reply parseResponse(std::string_view bytes) {
   return toReply(parseRawResponse(std::string(bytes)));
 }

@@ -38,6 +38,9 @@ RawReply exchange(const std::string& sock, std::string_view method, std::string_
 // (<its first 120 characters>)"}.
 Reply toReply(const RawReply& raw);
 JSON notJSON(int status, std::string_view text);
+// The body as JSON text at the given indent, as toReply(raw).body.serialized(indent) would give
+// it, but written from the received text without building the value.
+std::string bodyText(const RawReply& raw, int indent);
 // A GET whose failures are folded into the returned value; never throws.
 JSON getJSON(const std::string& sock, std::string_view path);
 

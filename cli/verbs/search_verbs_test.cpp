@@ -2,10 +2,46 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
+
 #include "instances/instances.h"
+#include "json/test_mutations.h"
+#include "verbs/verbs.h"
 
 namespace vorn {
 namespace {
+
+// The listing and summary of a reply value, read from its compact text as a reply would be.
+std::string searchLines(const JSON& body) {
+  return readSearchReply(body.serialized(0)).lines;
+}
+std::string searchSummary(const JSON& body) {
+  return vorn::searchSummary(readSearchReply(body.serialized(0)));
+}
+
+// The listing as lookups on the whole value give it: the reference the one-pass reader must
+// agree with, whatever the shape of the reply.
+std::string linesByLookup(const JSON& body) {
+  std::string out;
+  const JSON* files = body.get("files");
+  if (!files) return out;
+  for (const JSON& file : files->list()) {
+    const JSON* matches = file.get("matches");
+    if (!matches) continue;
+    for (const JSON& match : matches->list()) {
+      out += renderValue(file.get("path")) + ":" + renderValue(match.get("line")) + ":" +
+             renderValue(match.get("col")) + ": " + renderValue(match.get("preview")) + "\n";
+    }
+  }
+  return out;
+}
+
+std::string summaryByLookup(const JSON& body) {
+  const JSON* limitHit = body.get("limitHit");
+  return renderValue(body.get("matchCount")) + " matches in " + renderValue(body.get("fileCount")) +
+         " files (" + renderValue(body.get("engine")) + ")" +
+         (limitHit && limitHit->isTrue() ? " \u2014 limit hit, results truncated" : "") + "\n";
+}
 
 Flags pattern(std::string text) {
   Flags flags;
@@ -119,6 +155,70 @@ TEST(SearchSummary, MissingFields) {
   EXPECT_EQ(searchSummary(JSON::object()), "undefined matches in undefined files (undefined)\n");
   EXPECT_EQ(searchSummary(JSON::parse(R"({"matchCount":0,"fileCount":0,"engine":null})")),
             "0 matches in 0 files (null)\n");
+}
+
+TEST(SearchListing, OddShapesAgreeWithLookups) {
+  for (
+      const char* text : {
+          R"({"files":[{"path":"a","matches":[1,[2],{"line":3},null]}]})",
+          R"({"files":[{"matches":[{"line":1}],"path":"late"}]})",
+          R"({"files":[{"path":"a","path":"b","matches":[{"line":1,"line":2}]}]})",
+          R"({"files":[{"path":"a","matches":[{"line":1}],"matches":"none"}]})",
+          R"({"files":[{"path":"a","matches":"none","matches":[{"col":1}]}]})",
+          R"({"files":[{"path":"a","matches":[{"line":1}]}],"files":[{"path":"b","matches":[{}]}]})",
+          R"({"files":[{"path":"a","matches":[{}]}],"files":{}})",
+          R"({"files":[[{"path":"x"}],"s",{"path":{"p":[1]},"matches":[{"preview":{"files":[]}}]}]})",
+          R"({"x":{"files":[{"path":"a","matches":[{}]}]}})",
+          R"([{"files":[{"path":"a","matches":[{}]}]}])",
+          R"({"files":[{"path":"a","matches":[{"line":[1,{"a":[]}],"col":null,"preview":true}]}]})",
+          R"("files")",
+      }) {
+    JSON body = JSON::parse(text);
+    EXPECT_EQ(readSearchReply(text).lines, linesByLookup(body)) << text;
+  }
+}
+
+TEST(SearchListing, SummaryFieldsTakeTheLastValue) {
+  SearchListing listing = readSearchReply(
+      R"({"matchCount":1,"engine":"a","matchCount":{"n":[2]},"error":"x","error":5,"limitHit":true})");
+  EXPECT_EQ(listing.matchCount->serialized(0), R"({"n":[2]})");
+  EXPECT_EQ(listing.engine->serialized(0), R"("a")");
+  EXPECT_EQ(listing.error->serialized(0), "5");
+  EXPECT_FALSE(listing.fileCount.has_value());
+  EXPECT_EQ(vorn::searchSummary(listing),
+            "{\"n\":[2]} matches in undefined files (a) \u2014 limit hit, results truncated\n");
+}
+
+TEST(SearchListing, MutatedRepliesAgreeWithLookups) {
+  const std::string seed =
+      R"({"files":[{"path":"a.go","matches":[{"line":1,"col":2,"preview":"x"},{"line":3}]},)"
+      R"({"matches":[{"col":[4]},5],"path":"b"}],"matchCount":3,"fileCount":2,"engine":"e",)"
+      R"("limitHit":true,"files":[{"path":"c","matches":[{"preview":{"k":[1]}}]}]})";
+  std::mt19937 rng(31337);
+  int compared = 0;
+  for (int i = 0; i < 5000; ++i) {
+    std::string text = mutated(seed, rng, 0, 3);
+    JSON body;
+    try {
+      body = JSON::parse(text);
+    } catch (const JSONParseError&) {
+      EXPECT_THROW(readSearchReply(text), JSONParseError) << text;
+      continue;
+    }
+    ++compared;
+    SearchListing listing = readSearchReply(text);
+    ASSERT_EQ(listing.lines, linesByLookup(body)) << text;
+    ASSERT_EQ(vorn::searchSummary(listing), summaryByLookup(body)) << text;
+    const JSON* error = body.get("error");
+    ASSERT_EQ(listing.error ? listing.error->serialized(0) : "-",
+              error ? error->serialized(0) : "-")
+        << text;
+  }
+  EXPECT_GT(compared, 500);
+}
+
+TEST(SearchListing, NotJSONThrows) {
+  EXPECT_THROW(readSearchReply("oops"), JSONParseError);
 }
 
 }  // namespace
