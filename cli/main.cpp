@@ -25,9 +25,8 @@ std::vector<char*> cArgv(std::vector<std::string>& argv) {
   return out;
 }
 
-// Replaces the process image; returns only when that failed.
+// Replaces the process image; returns only when that failed. The caller has restored SIGPIPE.
 int replaceProcess(std::vector<std::string> argv, const std::optional<std::string>& root) {
-  ::signal(SIGPIPE, SIG_DFL);  // the child must not inherit the ignore disposition
   if (argv.empty()) return 127;
   std::vector<char*> args = cArgv(argv);
   ::execvp(args[0], args.data());
@@ -45,6 +44,7 @@ int main(int argc, char** argv) {
   vorn::Outcome outcome = vorn::VornCLI::main(args, ctx, vorn::commands());
 
   if (auto* exit = std::get_if<vorn::Outcome::Exit>(&outcome.value)) return exit->code;
+  ::signal(SIGPIPE, SIG_DFL);  // the child must not inherit the ignore disposition
   if (auto* exec = std::get_if<vorn::Outcome::Exec>(&outcome.value)) {
     if (exec->root) ::setenv("VORN_REPO_ROOT", exec->root->c_str(), 1);
     return replaceProcess(exec->argv, exec->root);

@@ -1,5 +1,8 @@
 #include "core/router.h"
 
+#include <exception>
+#include <new>
+
 #include "core/cli_error.h"
 #include "core/command_table.h"
 #include "core/error_output.h"
@@ -19,6 +22,12 @@ CliError unknownCommand(const std::string& word) {
   return usageError("unknown command '" + word + "' (vorn help)");
 }
 
+Outcome printed(const CliError& error, bool json, Context& ctx) {
+  std::string text = errorOutput(error, json);
+  if (!text.empty()) ctx.writeErr(text + "\n");
+  return Outcome::exit(error.code);
+}
+
 bool isVersionWord(const std::string& word) {
   return word == "version" || word == "--version" || word == "-V";
 }
@@ -31,9 +40,12 @@ Outcome VornCLI::main(const std::vector<std::string>& args, Context& ctx,
   try {
     return run(args, ctx, commands, json);
   } catch (const CliError& error) {
-    std::string text = errorOutput(error, json);
-    if (!text.empty()) ctx.writeErr(text + "\n");
-    return Outcome::exit(error.code);
+    return printed(error, json, ctx);
+  } catch (const std::bad_alloc&) {
+    return printed(CliError{"out of memory"}, json, ctx);
+  } catch (const std::exception& error) {
+    // Nothing should get here; if something does, it is reported, not a crash.
+    return printed(CliError{std::string("internal error: ") + error.what()}, json, ctx);
   }
 }
 

@@ -6,6 +6,8 @@
 
 #include <filesystem>
 #include <fstream>
+#include <new>
+#include <stdexcept>
 
 #include "core/cli_error.h"
 #include "core/help.h"
@@ -198,6 +200,16 @@ TEST_F(RouterTest, DevIsHandedOverUntouched) {
             Outcome::exec({"bun", "x"}, "/root"));
   EXPECT_EQ(delegated, (Words{"anything", "--weird", "-o", "json"}));
   EXPECT_EQ(io.err, "");
+}
+
+TEST_F(RouterTest, OtherFailuresArePrintedNotFatal) {
+  commands.handlers["nogo"]["run"] = [](const Flags&, Context&) { throw std::runtime_error("x"); };
+  commands.handlers["test"]["status"] = [](const Flags&, Context&) { throw std::bad_alloc(); };
+  EXPECT_EQ(run({"nogo", "run"}), Outcome::exit(1));
+  EXPECT_EQ(io.err, "vorn: internal error: x\n");
+  io.err.clear();
+  EXPECT_EQ(run({"test", "status", "-o", "json"}), Outcome::exit(1));
+  EXPECT_EQ(io.err, "{\"error\":\"out of memory\",\"code\":1}\n");
 }
 
 TEST_F(RouterTest, OddArgumentVectorsNeverCrash) {
