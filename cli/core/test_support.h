@@ -1,9 +1,15 @@
-// A Context whose output is captured, for unit tests.
+// Helpers for unit tests: a Context whose output is captured, and small builders.
 #pragma once
 
-#include <string>
+#include <gtest/gtest.h>
 
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "core/cli_error.h"
 #include "core/context.h"
+#include "core/flags.h"
 
 namespace vorn {
 
@@ -21,5 +27,24 @@ struct CapturedContext {
   CapturedContext(const CapturedContext&) = delete;
   CapturedContext& operator=(const CapturedContext&) = delete;
 };
+
+// The CliError that `run` throws; a test failure when it throws none.
+template <typename F>
+CliError thrown(F&& run) {
+  try {
+    run();
+  } catch (const CliError& error) {
+    return error;
+  }
+  ADD_FAILURE() << "no CliError thrown";
+  return CliError{"<nothing thrown>", -1};
+}
+
+// Flags holding only these positional words.
+inline Flags withArgs(std::vector<std::string> args) {
+  Flags flags;
+  flags.args = std::move(args);
+  return flags;
+}
 
 }  // namespace vorn

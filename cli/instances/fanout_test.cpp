@@ -206,17 +206,6 @@ struct FanoutTest : ::testing::Test {
   }
 };
 
-template <typename F>
-CliError thrown(F&& f) {
-  try {
-    f();
-  } catch (const CliError& e) {
-    return e;
-  }
-  ADD_FAILURE() << "no CliError thrown";
-  return CliError{"<nothing thrown>", -1};
-}
-
 TEST_F(FanoutTest, PostEachOneTargetPrintsOnlyTheBody) {
   InstanceInfo a = add("a", 1, replying(200, "{\"ok\":true,\"n\":1}"));
   instances().postEach({a}, "/nogo/run", JSON::object({{"x", JSON(1)}}), "nogo run", false);

@@ -158,17 +158,6 @@ struct SelectionTest : ::testing::Test {
   }
 };
 
-template <typename F>
-CliError thrown(F&& f) {
-  try {
-    f();
-  } catch (const CliError& e) {
-    return e;
-  }
-  ADD_FAILURE() << "no CliError thrown";
-  return CliError{"<nothing thrown>", -1};
-}
-
 TEST_F(SelectionTest, PrefixReturnsBothAndOneTakesTheFirstByPid) {
   add("abd", "", 200);
   add("abc", "", 100);

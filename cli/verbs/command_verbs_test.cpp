@@ -8,12 +8,6 @@
 namespace vorn {
 namespace {
 
-Flags withArgs(std::vector<std::string> args) {
-  Flags flags;
-  flags.args = std::move(args);
-  return flags;
-}
-
 TEST(CommandRunBody, IdAlone) {
   EXPECT_EQ(commandRunBody(withArgs({"go-mod-tidy"})).serialized(0), R"({"id":"go-mod-tidy"})");
 }

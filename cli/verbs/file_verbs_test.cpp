@@ -14,22 +14,6 @@ using testing::SeenRequest;
 using testing::TempDir;
 using testing::writeFile;
 
-CliError thrown(const std::function<void()>& run) {
-  try {
-    run();
-  } catch (const CliError& error) {
-    return error;
-  }
-  ADD_FAILURE() << "no CliError thrown";
-  return CliError{};
-}
-
-Flags withArgs(std::vector<std::string> args) {
-  Flags flags;
-  flags.args = std::move(args);
-  return flags;
-}
-
 // --- taking the word apart ---
 
 TEST(LocalTarget, PositionSuffixIsSplitOffAnExistingFile) {

@@ -9,12 +9,6 @@
 namespace vorn {
 namespace {
 
-Flags withArgs(std::vector<std::string> args) {
-  Flags flags;
-  flags.args = std::move(args);
-  return flags;
-}
-
 CliError errorOf(const Flags& flags, const std::string& verb) {
   try {
     positionBody(flags, verb);

@@ -21,16 +21,6 @@ InstanceInfo instanceAt(const std::string& id, const std::string& sock) {
   return info;
 }
 
-CliError thrown(const std::function<void()>& run) {
-  try {
-    run();
-  } catch (const CliError& error) {
-    return error;
-  }
-  ADD_FAILURE() << "no CliError thrown";
-  return CliError{};
-}
-
 // --- openOn ---
 
 TEST(OpenOn, PostsTheRootThenFocusesAndPrints) {
@@ -176,12 +166,6 @@ TEST(WaitForNewInstance, GivesUpAtTheDeadlineButScansAtLeastOnce) {
 }
 
 // --- the verbs ---
-
-Flags withArgs(std::vector<std::string> args) {
-  Flags flags;
-  flags.args = std::move(args);
-  return flags;
-}
 
 TEST(WorkspaceOpen, UsageErrorsComeFirst) {
   TempDir dir;
