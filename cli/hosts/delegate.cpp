@@ -2,9 +2,6 @@
 
 #include <string.h>
 
-#include <fstream>
-#include <sstream>
-
 #include "core/cli_error.h"
 #include "verbs/paths.h"
 
@@ -44,14 +41,6 @@ std::string trimmed(const std::string& text) {
   return text.substr(begin, end - begin + 1);
 }
 
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return "";
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 }  // namespace
 
 std::string execFailure(const std::string& program, int error,
@@ -59,7 +48,9 @@ std::string execFailure(const std::string& program, int error,
   if (program == "bun" && error == ENOENT) {
     std::string where = root ? " in " + *root : "";
     std::string what =
-        root ? "Bun >= " + trimmed(readFile(Paths::join({*root, ".bun-version"}))) : "Bun";
+        root ? "Bun >= " +
+                   trimmed(Paths::readFile(Paths::join({*root, ".bun-version"})).value_or(""))
+             : "Bun";
     return "vorn: bun not on PATH \u2014 run `direnv allow`" + where + ", or install " + what +
            " (https://bun.sh puts it in ~/.bun/bin)\n";
   }

@@ -11,8 +11,6 @@
 #include <chrono>
 #include <climits>
 #include <exception>
-#include <fstream>
-#include <sstream>
 
 #include "core/text.h"
 #include "instances/instances.h"
@@ -133,14 +131,6 @@ bool oldEnoughToPrune(const std::string& dir) {
   return pastStaleAge(folderAgeMs(nowSeconds(), mtime.tv_sec, mtime.tv_nsec));
 }
 
-std::string readProcStat(int32_t pid) {
-  std::ifstream in("/proc/" + std::to_string(pid) + "/stat", std::ios::binary);
-  if (!in) return "";
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 }  // namespace
 
 std::optional<InstanceInfo> InstanceInfo::fromJSON(const JSON& json) {
@@ -214,7 +204,7 @@ bool pidAlive(int64_t pid) {
   pid_t id = static_cast<pid_t>(pid);
   if (::kill(id, 0) != 0) return errno == EPERM;
   // A zombie still answers kill(0) but will never serve again.
-  std::string stat = readProcStat(id);
+  std::string stat = Paths::readFile("/proc/" + std::to_string(id) + "/stat").value_or("");
   if (stat.empty()) return true;
   size_t close = stat.rfind(')');
   if (close == std::string::npos || close + 2 >= stat.size()) return true;

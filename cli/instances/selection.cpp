@@ -4,8 +4,6 @@
 #include <algorithm>
 #include <chrono>
 #include <exception>
-#include <fstream>
-#include <sstream>
 
 #include "core/text.h"
 #include "hosts/delegate.h"
@@ -23,17 +21,6 @@ const char* const checkoutHint = "vorn dev app start, or pass -i ID (see vorn in
 // How often waitForExit looks again.
 constexpr useconds_t exitPollMicroseconds = 100000;
 constexpr double maxWaitSeconds = 1e9;
-
-std::optional<std::string> readTextFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return std::nullopt;
-  std::ostringstream text;
-  text << in.rdbuf();
-  if (in.bad()) return std::nullopt;
-  std::string bytes = text.str();
-  if (!isValidUTF8(bytes)) return std::nullopt;
-  return bytes;
-}
 
 // The record the instance gives now through the socket we know it by, as a probe builds it.
 std::optional<InstanceInfo> currentRecord(const InstanceInfo& instance) {
@@ -100,8 +87,8 @@ std::optional<InstanceInfo> Instances::own() const {
   std::optional<std::string> checkout = checkoutRoot(ctx);
   if (!checkout) return std::nullopt;
   std::string file = Paths::join({*checkout, ".cache/vorn/dev-app.json"});
-  std::optional<std::string> text = readTextFile(file);
-  if (!text) return std::nullopt;
+  std::optional<std::string> text = Paths::readFile(file);
+  if (!text || !isValidUTF8(*text)) return std::nullopt;
   JSON record;
   try {
     record = JSON::parse(*text);

@@ -1,6 +1,9 @@
 #include "verbs/paths.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <charconv>
 #include <cstdlib>
@@ -140,6 +143,25 @@ std::string real(const std::string& path) {
                                                        &std::free);
   if (!resolved) return path;
   return std::string(resolved.get());
+}
+
+std::optional<std::string> readFile(const std::string& path) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  std::string out;
+  char buffer[65536];
+  while (true) {
+    ssize_t n = ::read(fd, buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      ::close(fd);
+      return std::nullopt;  // a directory (EISDIR) or an I/O error
+    }
+    if (n == 0) break;
+    out.append(buffer, static_cast<size_t>(n));
+  }
+  ::close(fd);
+  return out;
 }
 
 bool isDirectory(const std::string& path) {

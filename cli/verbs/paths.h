@@ -32,6 +32,8 @@ std::optional<std::string> checkout(std::string_view containing);
 std::string real(const std::string& path);
 bool isDirectory(const std::string& path);    // stat, following links
 bool isRegularFile(const std::string& path);  // stat, following links
+// The whole content of a file, or nothing when it cannot be read.
+std::optional<std::string> readFile(const std::string& path);
 }  // namespace Paths
 
 struct FileTarget {

@@ -51,6 +51,15 @@ class TempDir {
   std::string path_;
 };
 
+TEST(PathsReadFile, WholeBytesOrNothing) {
+  TempDir dir;
+  EXPECT_EQ(Paths::readFile(dir.path() + "/missing"), std::nullopt);
+  std::string bytes("a\0b\xff\n", 5);
+  EXPECT_EQ(Paths::readFile(dir.file("f", bytes)), bytes);
+  EXPECT_EQ(Paths::readFile(dir.file("empty", "")), "");
+  EXPECT_EQ(Paths::readFile(dir.dir("sub")), std::nullopt);
+}
+
 // normalize
 
 TEST(PathsNormalize, CollapsesSlashesDotsAndParents) {
