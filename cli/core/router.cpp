@@ -7,7 +7,8 @@
 #include "core/command_table.h"
 #include "core/error_output.h"
 #include "core/help.h"
-#include "verbs/paths.h"
+#include "paths/file_target.h"
+#include "paths/paths.h"
 
 namespace vorn {
 

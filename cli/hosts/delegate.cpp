@@ -3,23 +3,14 @@
 #include <string.h>
 
 #include "core/cli_error.h"
-#include "verbs/paths.h"
+#include "paths/checkout.h"
+#include "paths/paths.h"
 
 namespace vorn {
 
-std::optional<std::string> checkoutRoot(const Context& ctx) {
-  if (auto root = Paths::checkout(ctx.cwd)) return root;
-  if (ctx.executable.rfind("/", 0) == 0) {
-    if (auto root = Paths::checkout(Paths::parent(ctx.executable))) return root;
-  }
-  const std::string* fromEnv = ctx.getenv("VORN_REPO_ROOT");
-  if (fromEnv && !fromEnv->empty() && Paths::isCheckout(*fromEnv)) return *fromEnv;
-  return std::nullopt;
-}
-
 Outcome delegate(const Context& ctx, const std::vector<std::string>& args,
                  const std::string& label) {
-  std::optional<std::string> root = checkoutRoot(ctx);
+  std::optional<std::string> root = checkoutRoot(ctx.cwd, ctx.executable, ctx.env);
   if (!root) {
     throw CliError{"vorn " + label +
                        ": needs a Vorn checkout (run from one, or set VORN_REPO_ROOT) \u2014 the "

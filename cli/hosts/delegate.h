@@ -1,4 +1,4 @@
-// The source checkout this invocation belongs to, and the `vorn dev` hand-over to its CLI script.
+// The `vorn dev` hand-over to the checkout's CLI script, and what to say when an exec fails.
 #pragma once
 
 #include <optional>
@@ -10,7 +10,6 @@
 
 namespace vorn {
 
-std::optional<std::string> checkoutRoot(const Context& ctx);
 // `vorn dev <words...>` becomes `bun <root>/src/cli/vorn.ts dev <words...>`; throws CliError.
 Outcome delegate(const Context& ctx, const std::vector<std::string>& args,
                  const std::string& label);

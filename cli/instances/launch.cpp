@@ -5,9 +5,9 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
-#include "hosts/delegate.h"
 #include "instances/instances.h"
-#include "verbs/paths.h"
+#include "paths/checkout.h"
+#include "paths/paths.h"
 
 extern char** environ;
 
@@ -51,7 +51,7 @@ std::optional<std::string> appBundle(const Context& ctx) {
   if (size_t at = ctx.executable.find(".app/Contents/"); at != std::string::npos) {
     candidates.push_back(ctx.executable.substr(0, at + 4));
   }
-  if (std::optional<std::string> checkout = checkoutRoot(ctx)) {
+  if (std::optional<std::string> checkout = checkoutRoot(ctx.cwd, ctx.executable, ctx.env)) {
     const std::string* edition = ctx.getenv("VORN_EDITION");
     if (edition && *edition == "markdown") {
       candidates.push_back(

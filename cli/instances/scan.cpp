@@ -14,9 +14,9 @@
 
 #include "core/text.h"
 #include "instances/instances.h"
+#include "paths/paths.h"
 #include "transport/transport.h"
 #include "transport/unique_fd.h"
-#include "verbs/paths.h"
 
 namespace vorn {
 

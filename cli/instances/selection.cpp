@@ -6,10 +6,10 @@
 #include <exception>
 
 #include "core/text.h"
-#include "hosts/delegate.h"
 #include "instances/instances.h"
+#include "paths/checkout.h"
+#include "paths/paths.h"
 #include "transport/transport.h"
-#include "verbs/paths.h"
 
 namespace vorn {
 
@@ -84,7 +84,7 @@ CliError ambiguous(const std::string& message, const std::vector<InstanceInfo>& 
 }
 
 std::optional<InstanceInfo> Instances::own() const {
-  std::optional<std::string> checkout = checkoutRoot(ctx);
+  std::optional<std::string> checkout = checkoutRoot(ctx.cwd, ctx.executable, ctx.env);
   if (!checkout) return std::nullopt;
   std::string file = Paths::join({*checkout, ".cache/vorn/dev-app.json"});
   std::optional<std::string> text = Paths::readFile(file);
@@ -115,7 +115,7 @@ std::optional<InstanceInfo> Instances::own() const {
 
 std::vector<InstanceInfo> Instances::implicitPool(const std::vector<InstanceInfo>& instances,
                                                   const std::string& message) const {
-  std::optional<std::string> checkout = checkoutRoot(ctx);
+  std::optional<std::string> checkout = checkoutRoot(ctx.cwd, ctx.executable, ctx.env);
   if (!checkout) return instances;
   std::string root = Paths::real(*checkout);
   std::optional<int64_t> envPid;

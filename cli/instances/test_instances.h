@@ -28,39 +28,9 @@
 
 #include "instances/instances.h"
 #include "json/json.h"
+#include "paths/test_files.h"
 
 namespace vorn::testing {
-
-// A private folder under /tmp (short, so socket paths inside it stay well under the limit),
-// removed with everything in it at the end of the test.
-class TempDir {
- public:
-  TempDir() {
-    char name[] = "/tmp/vi.XXXXXX";
-    if (!::mkdtemp(name)) throw std::runtime_error("mkdtemp failed");
-    path_ = name;
-  }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-  ~TempDir() {
-    std::error_code ignored;
-    // Give back any permission a test took away, so that everything can be removed.
-    for (auto it = std::filesystem::recursive_directory_iterator(
-             path_, std::filesystem::directory_options::skip_permission_denied, ignored);
-         it != std::filesystem::recursive_directory_iterator(); it.increment(ignored)) {
-      if (it->is_directory(ignored) && !it->is_symlink(ignored)) {
-        ::chmod(it->path().c_str(), 0700);
-      }
-    }
-    ::chmod(path_.c_str(), 0700);
-    std::filesystem::remove_all(path_, ignored);
-  }
-  const std::string& path() const { return path_; }
-  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
-};
 
 inline void writeFile(const std::string& path, const std::string& text) {
   std::filesystem::create_directories(std::filesystem::path(path).parent_path());

@@ -15,6 +15,8 @@
 #include <thread>
 #include <vector>
 
+#include "paths/test_files.h"
+
 namespace vorn {
 namespace {
 
@@ -333,20 +335,7 @@ class DefaultSigpipe {
   void (*previous_)(int);
 };
 
-// A private folder under /tmp (short, so socket paths stay within the address limit).
-class TempDir {
- public:
-  TempDir() {
-    char templ[] = "/tmp/vorn-t-XXXXXX";
-    if (::mkdtemp(templ) == nullptr) ADD_FAILURE() << "mkdtemp: " << std::strerror(errno);
-    path_ = templ;
-  }
-  ~TempDir() { ::rmdir(path_.c_str()); }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
+using testing::TempDir;
 
 // A one-connection control server: it records the request bytes and answers with
 // scripted bytes. Every wait has a deadline, so a failing test never hangs.

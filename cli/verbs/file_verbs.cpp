@@ -1,7 +1,8 @@
 // `vorn file open|read`: a file at a position in the instance whose workspace holds it.
+#include "paths/file_target.h"
+#include "paths/paths.h"
 #include "transport/transport.h"
 #include "verbs/open.h"
-#include "verbs/paths.h"
 #include "verbs/verbs.h"
 
 namespace vorn {

@@ -7,8 +7,9 @@
 
 #include "core/cli_error.h"
 #include "instances/instances.h"
+#include "paths/file_target.h"
+#include "paths/paths.h"
 #include "verbs/command_verbs.h"
-#include "verbs/paths.h"
 #include "verbs/verbs.h"
 
 namespace vorn {

@@ -8,7 +8,7 @@
 #include <fstream>
 
 #include "core/cli_error.h"
-#include "verbs/paths.h"
+#include "paths/paths.h"
 
 namespace vorn {
 namespace {

@@ -4,9 +4,9 @@
 #include <chrono>
 #include <set>
 
+#include "paths/paths.h"
 #include "transport/transport.h"
 #include "verbs/open.h"
-#include "verbs/paths.h"
 #include "verbs/verbs.h"
 
 namespace vorn {

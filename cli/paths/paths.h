@@ -1,4 +1,4 @@
-// Small path routines on strings, and the <file>[:line[:col]] target syntax.
+// Small path routines on strings, and the marks of a source checkout.
 #pragma once
 
 #include <cstdint>
@@ -35,27 +35,5 @@ bool isRegularFile(const std::string& path);  // stat, following links
 // The whole content of a file, or nothing when it cannot be read.
 std::optional<std::string> readFile(const std::string& path);
 }  // namespace Paths
-
-struct FileTarget {
-  std::string file;
-  std::optional<int64_t> line;
-  std::optional<int64_t> col;
-  bool operator==(const FileTarget&) const = default;
-};
-
-struct SplitPosition {
-  std::string file;
-  int64_t line;
-  std::optional<int64_t> col;
-  bool operator==(const SplitPosition&) const = default;
-};
-
-// "<file>:<line>[:<col>]" split at its trailing numeric pieces; nothing when there is none,
-// the file part is empty or a number does not fit. Line and column 0 are passed through:
-// the callers decide what a 0 means.
-std::optional<SplitPosition> splitPosition(std::string_view arg);
-// The existing regular file that `arg` names, tried whole first and then without its
-// position suffix; relative paths are taken against cwd.
-std::optional<FileTarget> parseFileTarget(std::string_view arg, std::string_view cwd);
 
 }  // namespace vorn
