@@ -12,23 +12,16 @@
 #include "core/outcome.h"
 #include "core/router.h"
 #include "hosts/delegate.h"
+#include "process/process.h"
 
 extern char** environ;
 
 namespace {
 
-std::vector<char*> cArgv(std::vector<std::string>& argv) {
-  std::vector<char*> out;
-  for (std::string& arg : argv)
-    out.push_back(arg.data());
-  out.push_back(nullptr);
-  return out;
-}
-
 // Replaces the process image; returns only when that failed. The caller has restored SIGPIPE.
-int replaceProcess(std::vector<std::string> argv, const std::optional<std::string>& root) {
+int replaceProcess(const std::vector<std::string>& argv, const std::optional<std::string>& root) {
   if (argv.empty()) return 127;
-  std::vector<char*> args = cArgv(argv);
+  std::vector<char*> args = vorn::cStrings(argv);
   ::execvp(args[0], args.data());
   int error = errno;
   vorn::emit(2, vorn::execFailure(argv[0], error, root));

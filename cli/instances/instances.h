@@ -85,9 +85,6 @@ std::vector<std::string> openArguments(const std::optional<std::string>& bundle,
                                        const std::optional<std::string>& folder, bool forceNew,
                                        const std::map<std::string, std::string>& env,
                                        const std::string& cwd);
-// Runs a program directly (no shell) with inherited streams and environment, and waits for it.
-// Its exit status; 128 + the signal when killed; 127 when it could not be started.
-int32_t runProcess(const std::string& executable, const std::vector<std::string>& arguments);
 
 // The registry service handed to every verb.
 struct Instances {

@@ -1,39 +1,14 @@
 // Starting the desktop app through the macOS `open` command.
-#include <errno.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include "instances/instances.h"
 #include "paths/checkout.h"
 #include "paths/paths.h"
-
-extern char** environ;
+#include "process/process.h"
 
 namespace vorn {
 
 namespace {
-
-// The status of a program that could not be started at all, as shells report it.
-constexpr int32_t notStartedStatus = 127;
-
-// Spawn attributes that are destroyed on every path out of a scope.
-class SpawnAttributes {
- public:
-  SpawnAttributes() { ready_ = ::posix_spawnattr_init(&attr_) == 0; }
-  SpawnAttributes(const SpawnAttributes&) = delete;
-  SpawnAttributes& operator=(const SpawnAttributes&) = delete;
-  ~SpawnAttributes() {
-    if (ready_) ::posix_spawnattr_destroy(&attr_);
-  }
-  bool ready() const { return ready_; }
-  posix_spawnattr_t* get() { return &attr_; }
-
- private:
-  posix_spawnattr_t attr_;
-  bool ready_ = false;
-};
 
 bool existsOnDisk(const std::string& path) {
   struct stat st;
@@ -85,39 +60,6 @@ std::vector<std::string> openArguments(const std::optional<std::string>& bundle,
     args.push_back(Paths::absolute(cwd, *folder));
   }
   return args;
-}
-
-int32_t runProcess(const std::string& executable, const std::vector<std::string>& arguments) {
-  std::vector<char*> argv;
-  argv.reserve(arguments.size() + 2);
-  argv.push_back(const_cast<char*>(executable.c_str()));
-  for (const auto& argument : arguments)
-    argv.push_back(const_cast<char*>(argument.c_str()));
-  argv.push_back(nullptr);
-
-  // The CLI ignores SIGPIPE for itself; the child gets the default disposition back.
-  SpawnAttributes attributes;
-  if (!attributes.ready()) return notStartedStatus;
-  sigset_t defaults;
-  sigemptyset(&defaults);
-  sigaddset(&defaults, SIGPIPE);
-  if (::posix_spawnattr_setsigdefault(attributes.get(), &defaults) != 0 ||
-      ::posix_spawnattr_setflags(attributes.get(), POSIX_SPAWN_SETSIGDEF) != 0) {
-    return notStartedStatus;
-  }
-
-  pid_t child = 0;
-  if (::posix_spawn(&child, executable.c_str(), nullptr, attributes.get(), argv.data(), environ) !=
-      0) {
-    return notStartedStatus;
-  }
-  int status = 0;
-  while (::waitpid(child, &status, 0) < 0) {
-    if (errno != EINTR) return notStartedStatus;
-  }
-  if (WIFEXITED(status)) return WEXITSTATUS(status);
-  if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-  return notStartedStatus;
 }
 
 // The only platform difference of the launch: elsewhere there is no `open` to hand the app to,
