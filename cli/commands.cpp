@@ -2,6 +2,8 @@
 
 #include "core/command_table.h"
 #include "hosts/delegate.h"
+#include "hosts/remote.h"
+#include "hosts/server.h"
 #include "instances/instances.h"
 #include "verbs/verbs.h"
 
@@ -36,7 +38,8 @@ Commands buildCommands() {
       {"shell-command", {}},
       {"doctor", {}},
   };
-  commands.outcomeHandlers = {{"server", {}}, {"remote", {}}};
+  commands.outcomeHandlers = {{"server", {{"start", serverStart}}},
+                              {"remote", {{"ssh", remoteSsh}}}};
   commands.version = [](const Flags& flags, Context& ctx) {
     Instances instances{ctx};
     printVersion(flags, instances);
