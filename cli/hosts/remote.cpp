@@ -30,7 +30,7 @@ RemoteRequest remoteRequest(const Flags& flags, const Context& ctx) {
   }
   if (flags.args.size() > 1) throw sshError("unexpected argument " + flags.args[1], 2);
   std::optional<std::string> config;
-  if (const std::string* file = flags.value("ssh-config"); file && !file->empty()) {
+  if (const std::string* file = flags.value("--ssh-config"); file && !file->empty()) {
     config = Paths::absolute(ctx.cwd, *file);
   }
   return {target, config};
@@ -83,7 +83,7 @@ std::map<std::string, std::string> windowEnvironment(const std::string& target,
 Outcome remoteSsh(const Flags& flags, Context& ctx) {
   RemoteRequest request = remoteRequest(flags, ctx);
   // Where no app window can be opened, the foreground runner is the only way.
-  if (flags.has("no-window") || !Instances::canLaunchApp()) {
+  if (flags.has("--no-window") || !Instances::canLaunchApp()) {
     return runInForeground(request, flags, ctx);
   }
   Instances{ctx}.launchApp(std::nullopt, true,

@@ -34,7 +34,7 @@ class KeepCwd {
 
 Flags sshFlags(std::vector<std::string> args, bool noWindow = true) {
   Flags flags = withArgs(std::move(args));
-  if (noWindow) flags.opts["no-window"] = std::nullopt;
+  if (noWindow) flags.opts["--no-window"] = std::nullopt;
   return flags;
 }
 
@@ -127,7 +127,7 @@ TEST(RemoteSsh, TheCheckoutsRunnerWithAnAbsoluteConfig) {
   CapturedContext io(home);
   io.ctx.env["VORN_EDITION"] = "markdown";  // no edition condition for the runner
   Flags flags = sshFlags({"dev@box:~/src"});
-  flags.opts["ssh-config"] = "./cfg";
+  flags.opts["--ssh-config"] = "./cfg";
   EXPECT_EQ(remoteSsh(flags, io.ctx),
             Outcome::execHost({"bun", home + "/src/bun/remote/tunnel-main.ts", "dev@box:~/src",
                                "--ssh-config", home + "/cfg"},
@@ -142,7 +142,7 @@ TEST(RemoteSsh, JsonOutputIsAskedOfTheRunner) {
   CapturedContext io(root);
   Flags flags = sshFlags({"box"});
   flags.json = true;
-  flags.opts["ssh-config"] = "";  // an empty value counts as none
+  flags.opts["--ssh-config"] = "";  // an empty value counts as none
   EXPECT_EQ(
       remoteSsh(flags, io.ctx),
       Outcome::execHost({"bun", root + "/src/bun/remote/tunnel-main.ts", "box", "--json"}, {}, {}));

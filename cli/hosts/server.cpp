@@ -160,7 +160,7 @@ Outcome serverStart(const Flags& flags, Context& ctx) {
   if (host->bundled) unset.push_back("VORN_REPO_ROOT");
   if (::chdir(host->cwd.c_str()) != 0) throw startError("cannot enter " + host->cwd);
 
-  if (!flags.has("detach")) return Outcome::execHost(std::move(argv), set, unset);
+  if (!flags.has("--detach")) return Outcome::execHost(std::move(argv), set, unset);
   std::map<std::string, std::string> env = ctx.env;
   env["XDG_RUNTIME_DIR"] = rdir;
   for (const std::string& name : unset)

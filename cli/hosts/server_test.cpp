@@ -334,7 +334,7 @@ TEST(ServerStart, DetachedARuntimeDirThatCannotBeCreated) {
   io.ctx.executable = app + "/Contents/Resources/app/bin/vorn";
   io.ctx.env = {{"XDG_RUNTIME_DIR", tmp / "file/sub"}};
   Flags flags;
-  flags.opts["detach"] = std::nullopt;
+  flags.opts["--detach"] = std::nullopt;
   CliError error = thrown([&] { serverStart(flags, io.ctx); });
   EXPECT_EQ(error.message,
             "vorn server start: cannot create " + tmp / "file/sub/vorn" + ": Not a directory");
@@ -352,7 +352,7 @@ TEST(ServerStart, DetachedAHostThatExitsAtOnceFailsNamingTheLog) {
   io.ctx.executable = app + "/Contents/Resources/app/bin/vorn";
   io.ctx.env = {{"XDG_RUNTIME_DIR", tmp / "rt"}, {"VORN_REPO_ROOT", "/elsewhere"}};
   Flags flags = withArgs({"work"});
-  flags.opts["detach"] = std::nullopt;
+  flags.opts["--detach"] = std::nullopt;
   CliError error = thrown([&] { serverStart(flags, io.ctx); });
   ASSERT_EQ(error.code, 1);
   const std::string prefix = "vorn server start: the host (pid ";
