@@ -1,36 +1,22 @@
 #include "hosts/remote.h"
 
 #include <gtest/gtest.h>
-#include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
 
 #include "core/test_support.h"
+#include "hosts/test_hosts.h"
 #include "instances/instances.h"
 #include "paths/test_files.h"
 
 namespace vorn {
 namespace {
 
+using testing::KeepCwd;
 using testing::TempDir;
 using Args = std::vector<std::string>;
-
-// The handler changes the working directory; each test gets the old one back.
-class KeepCwd {
- public:
-  KeepCwd() {
-    char buf[PATH_MAX];
-    if (::getcwd(buf, sizeof buf)) saved_ = buf;
-  }
-  ~KeepCwd() {
-    if (!saved_.empty() && ::chdir(saved_.c_str()) != 0) ADD_FAILURE() << "cannot go back";
-  }
-
- private:
-  std::string saved_;
-};
 
 Flags sshFlags(std::vector<std::string> args, bool noWindow = true) {
   Flags flags = withArgs(std::move(args));
@@ -132,7 +118,7 @@ TEST(RemoteSsh, TheCheckoutsRunnerWithAnAbsoluteConfig) {
             Outcome::execHost({"bun", home + "/src/bun/remote/tunnel-main.ts", "dev@box:~/src",
                                "--ssh-config", home + "/cfg"},
                               {}, {}));
-  EXPECT_EQ(Paths::real("."), home);
+  EXPECT_EQ(KeepCwd::now(), home);
 }
 
 TEST(RemoteSsh, JsonOutputIsAskedOfTheRunner) {
@@ -160,7 +146,7 @@ TEST(RemoteSsh, AnAppBundledRunnerLeavesTheCheckoutBehind) {
             Outcome::execHost({app + "/Contents/MacOS/bun",
                                app + "/Contents/Resources/app/bun/tunnel-main.js", "ssh://box/srv"},
                               {}, {"VORN_REPO_ROOT"}));
-  EXPECT_EQ(Paths::real("."), app + "/Contents/Resources/app");
+  EXPECT_EQ(KeepCwd::now(), app + "/Contents/Resources/app");
 }
 
 TEST(RemoteSsh, WithoutAWindowToOpenTheRunnerIsTheDefault) {

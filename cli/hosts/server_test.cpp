@@ -6,16 +6,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <climits>
 #include <string>
 
 #include "core/test_support.h"
+#include "hosts/test_hosts.h"
 #include "instances/test_instances.h"
 #include "paths/test_files.h"
 
 namespace vorn {
 namespace {
 
+using testing::KeepCwd;
 using testing::TempDir;
 using Env = std::map<std::string, std::string>;
 
@@ -47,25 +48,6 @@ int reap(pid_t pid) {
 bool noChildren() {
   return ::waitpid(-1, nullptr, WNOHANG) < 0 && errno == ECHILD;
 }
-
-// The handler changes the working directory; each test gets the old one back.
-class KeepCwd {
- public:
-  KeepCwd() {
-    char buf[PATH_MAX];
-    if (::getcwd(buf, sizeof buf)) saved_ = buf;
-  }
-  ~KeepCwd() {
-    if (!saved_.empty() && ::chdir(saved_.c_str()) != 0) ADD_FAILURE() << "cannot go back";
-  }
-  static std::string now() {
-    char buf[PATH_MAX];
-    return ::getcwd(buf, sizeof buf) ? Paths::real(buf) : "";
-  }
-
- private:
-  std::string saved_;
-};
 
 // An app bundle whose Bun is the given shell script and whose headless.js exists.
 std::string appWithBun(const TempDir& tmp, const std::string& rel, const std::string& script) {

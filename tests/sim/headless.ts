@@ -14,7 +14,8 @@ const dir = process.argv[2];
 // The host's socket root is the XDG_RUNTIME_DIR it was started with, taken as it stands:
 // an empty one means the current directory, as it does for vorn.
 const runtime = process.env.XDG_RUNTIME_DIR ?? (process.env.TMPDIR || "/tmp");
-const args = ["--runtime", runtime === "" ? "." : runtime, "--mode", "headless"];
+// A host reports the folder it runs from (the checkout, or the app's script folder) as its root.
+const args = ["--runtime", runtime === "" ? "." : runtime, "--mode", "headless", "--vorn-root", process.cwd()];
 if (dir !== undefined) args.push("--workspace", path.resolve(dir));
 process.argv.splice(2, process.argv.length - 2, ...args);
 
