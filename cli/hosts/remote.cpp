@@ -1,7 +1,5 @@
 #include "hosts/remote.h"
 
-#include <unistd.h>
-
 #include "core/cli_error.h"
 #include "instances/instances.h"
 #include "paths/paths.h"
@@ -38,18 +36,10 @@ RemoteRequest remoteRequest(const Flags& flags, const Context& ctx) {
 
 // Replaces the CLI with the session runner, which stays in the foreground as an instance.
 Outcome runInForeground(const RemoteRequest& request, const Flags& flags, const Context& ctx) {
-  std::optional<HeadlessHost> host =
-      bunScript(ctx, Scripts::tunnelBundled, Scripts::tunnelSource, false);
-  if (!host) {
-    throw sshError(
-        "no remote session runner \u2014 run the vorn inside Vorn.app, from a Vorn checkout, or "
-        "set VORN_APP");
-  }
-  if (::chdir(host->cwd.c_str()) != 0) throw sshError("cannot enter " + host->cwd);
-  std::vector<std::string> unset;
-  if (host->bundled) unset.push_back("VORN_REPO_ROOT");
-  return Outcome::execHost(tunnelArgv(*host, request.target, request.sshConfig, flags.json), {},
-                           std::move(unset));
+  HeadlessHost host = enterBunScript(ctx, Scripts::tunnelBundled, Scripts::tunnelSource,
+                                     "vorn remote ssh", "remote session runner");
+  return Outcome::execHost(tunnelArgv(host, request.target, request.sshConfig, flags.json), {},
+                           hostUnsetVariables(host));
 }
 
 }  // namespace

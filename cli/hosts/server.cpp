@@ -145,20 +145,12 @@ std::optional<std::string> waitForSocket(const std::string& rdir, pid_t pid,
 
 Outcome serverStart(const Flags& flags, Context& ctx) {
   std::optional<std::string> dir = hostDirectory(flags, ctx);
-  std::optional<HeadlessHost> host =
-      bunScript(ctx, Scripts::headlessBundled, Scripts::headlessSource, false);
-  if (!host) {
-    throw startError(
-        "no headless host \u2014 run the vorn inside Vorn.app, from a Vorn checkout, or set "
-        "VORN_APP");
-  }
+  HeadlessHost host = enterBunScript(ctx, Scripts::headlessBundled, Scripts::headlessSource,
+                                     "vorn server start", "headless host");
   std::string rdir = runtimeDir(ctx);
-  std::vector<std::string> argv = hostArgv(*host, ctx.env, dir);
+  std::vector<std::string> argv = hostArgv(host, ctx.env, dir);
   std::map<std::string, std::string> set = {{"XDG_RUNTIME_DIR", rdir}};
-  // An app-bundled host never attaches itself to a checkout.
-  std::vector<std::string> unset;
-  if (host->bundled) unset.push_back("VORN_REPO_ROOT");
-  if (::chdir(host->cwd.c_str()) != 0) throw startError("cannot enter " + host->cwd);
+  std::vector<std::string> unset = hostUnsetVariables(host);
 
   if (!flags.has("--detach")) return Outcome::execHost(std::move(argv), set, unset);
   std::map<std::string, std::string> env = ctx.env;
