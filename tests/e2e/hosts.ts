@@ -57,8 +57,12 @@ export function fakeApp(sb: Sandbox, rel: string, opts: { bun?: "real" | "probe"
   const app = sb.dir(rel);
   const bun = sb.path(rel, "Contents/MacOS/bun");
   fs.mkdirSync(path.dirname(bun), { recursive: true });
-  if ((opts.bun ?? "probe") === "real") fs.symlinkSync(REAL_BUN, bun);
-  else fs.copyFileSync(PROBE, bun), fs.chmodSync(bun, 0o755);
+  if ((opts.bun ?? "probe") === "real") {
+    fs.symlinkSync(REAL_BUN, bun);
+  } else {
+    fs.copyFileSync(PROBE, bun);
+    fs.chmodSync(bun, 0o755);
+  }
   const appDir = sb.path(rel, "Contents/Resources/app");
   const scripts = opts.scripts ?? { [BUNDLED.headless]: headlessScript, [BUNDLED.tunnel]: "process.exit(9);\n" };
   for (const [name, text] of Object.entries(scripts)) sb.file(path.join(rel, "Contents/Resources/app/bun", name), text);

@@ -18,6 +18,7 @@ import {
   probeEnv,
   probeRecord,
   processesMentioning,
+  REAL_BUN,
   running,
   SOURCE,
   track,
@@ -155,6 +156,30 @@ describe("server start --detach", () => {
       // Beyond those, only the shell's own hold on its script.
       for (const [fd, target] of seen.fds!) if (fd > 2) expect(target).toBe(path.join(sb.bin, "bun"));
     }
+  });
+
+  test("from an app bundle: the app's Bun runs its own script, in its folder, apart from any checkout", async () => {
+    const app = fakeApp(sb, "x/Vorn.app", { bun: "real" });
+    const root = hostCheckout(sb, "repo");
+    const r = await sb.run(["server", "start", "--detach", sb.work], { bin: app.cli, cwd: root, env: { VORN_REPO_ROOT: root } });
+    expect(r.stderr).toBe("");
+    expect(r.code).toBe(0);
+    const host = parseStarted(r.stdout)!;
+    expect(host).toBeDefined();
+    const inspect = await sb.run(["-o", "json", "instance", "inspect", `sim-${host.pid}`]);
+    const [record] = JSON.parse(inspect.stdout);
+    // The simulated host reports the folder it runs in.
+    expect(record.vornRoot).toBe(app.appDir);
+    expect(record.workspace.root).toBe(sb.work);
+    if (process.platform === "linux") {
+      const environ = fs.readFileSync(`/proc/${host.pid}/environ`, "utf8").split("\0");
+      expect(environ).toContain(`XDG_RUNTIME_DIR=${sb.runtime}`);
+      expect(environ.filter((e) => e.startsWith("VORN_REPO_ROOT="))).toEqual([]);
+      expect(fs.readlinkSync(`/proc/${host.pid}/exe`)).toBe(fs.realpathSync(REAL_BUN));
+    }
+    const quit = await sb.run(["instance", "quit", "--pid", String(host.pid)]);
+    expect(quit.stdout).toBe(`Quit instance sim-${host.pid}\n`);
+    expect(await eventually(() => !running(host.pid))).toBe(true);
   });
 
   test("a host that exits at once fails fast, naming the log", async () => {
