@@ -1,6 +1,7 @@
 #include "commands.h"
 
 #include "core/command_table.h"
+#include "doctor/doctor.h"
 #include "hosts/delegate.h"
 #include "instances/instances.h"
 #include "shell/shim.h"
@@ -35,7 +36,7 @@ Commands buildCommands() {
       {"test", adapt(testVerbs())},
       {"language", adapt(languageVerbs())},
       {"shell-command", shimVerbs()},
-      {"doctor", {}},
+      {"doctor", doctorVerbs()},
   };
   commands.outcomeHandlers = {{"server", {}}, {"remote", {}}};
   commands.version = [](const Flags& flags, Context& ctx) {
