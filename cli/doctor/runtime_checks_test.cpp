@@ -6,6 +6,7 @@
 
 #include "core/test_support.h"
 #include "doctor/doctor.h"
+#include "instances/test_instances.h"
 #include "paths/test_files.h"
 
 namespace vorn {
@@ -205,6 +206,22 @@ TEST(InstanceRow, AnUnhealthyInstanceFails) {
   EXPECT_EQ(
       instanceRow(instance("a1", 3, ""), JSON::parse(R"({"error": "HTTP 500"})"), JSON()).detail,
       "pid 3 \u00b7 No Folder: /health HTTP 500");
+}
+
+TEST(InstanceCheck, AsksHealthThenLanguageStatus) {
+  TempDir tmp;
+  InstanceInfo info = instance("a1", 3, "app");
+  info.socketPath = tmp / "fs.sock";
+  testing::FakeInstanceServer server(info.socketPath, [](const testing::SeenRequest& request) {
+    if (request.path == "/health") return testing::FakeReply{200, R"({"ok":true,"protocol":1})"};
+    return testing::FakeReply{200, R"({"language":"go","ready":true,"detail":"gopls"})"};
+  });
+  EXPECT_EQ(Doctor::instanceCheck(info),
+            (DoctorCheck{"instance.a1", "ok", "protocol 1 \u00b7 app \u00b7 go ready (gopls)"}));
+  std::vector<testing::SeenRequest> seen = server.requests();
+  ASSERT_EQ(seen.size(), 2u);
+  EXPECT_EQ(seen[0].method + " " + seen[0].path, "GET /health");
+  EXPECT_EQ(seen[1].method + " " + seen[1].path, "GET /language/status");
 }
 
 TEST(InstanceCheck, AnUnreachableSocketFails) {
