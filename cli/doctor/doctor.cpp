@@ -17,9 +17,9 @@ std::string Doctor::home() const {
 
 std::string Doctor::supportDir() const {
   const std::string* vornHome = ctx.getenv("VORN_HOME");
-  std::string_view base = vornHome ? trimBlanks(*vornHome) : std::string_view();
-  return Paths::join(
-      {base.empty() ? std::string_view(home()) : base, "Library/Application Support/Vorn"});
+  std::string base(vornHome ? trimBlanks(*vornHome) : std::string_view());
+  if (base.empty()) base = home();
+  return Paths::join({base, "Library/Application Support/Vorn"});
 }
 
 std::optional<std::string> Doctor::which(const std::string& name) const {
@@ -115,7 +115,8 @@ std::string doctorJSON(const std::vector<DoctorCheck>& checks) {
                                  {"status", JSON(check.status)},
                                  {"detail", JSON(check.detail)}}));
   }
-  return JSON::object({{"ok", JSON(countStatus(checks, "fail") == 0)}, {"checks", JSON(rows)}})
+  return JSON::object(
+             {{"ok", JSON(countStatus(checks, "fail") == 0)}, {"checks", JSON(std::move(rows))}})
              .serialized(2) +
          "\n";
 }

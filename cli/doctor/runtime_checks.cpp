@@ -50,8 +50,10 @@ DoctorCheck Doctor::runtimeDirCheck() const {
   const std::string root = Instances{ctx}.runtimeRoot();
   const std::string* xdg = ctx.getenv("XDG_RUNTIME_DIR");
   const std::string source = xdg && !xdg->empty() ? "$XDG_RUNTIME_DIR" : "tmpdir";
+  // An empty XDG_RUNTIME_DIR makes the root relative: it is where this command runs.
+  const std::string examined = Paths::absolute(ctx.cwd, root);
   struct stat st;
-  if (::lstat(root.c_str(), &st) != 0) {
+  if (::lstat(examined.c_str(), &st) != 0) {
     if (errno == ENOENT || errno == ENOTDIR) {
       return {"runtime.dir", "ok",
               root + " not created yet" + dash + "no instance has run (" + source + ")"};
