@@ -1,10 +1,12 @@
 #include "commands.h"
 
 #include "core/command_table.h"
+#include "doctor/doctor.h"
 #include "hosts/delegate.h"
 #include "hosts/remote.h"
 #include "hosts/server.h"
 #include "instances/instances.h"
+#include "shell/shim.h"
 #include "verbs/verbs.h"
 
 namespace vorn {
@@ -35,8 +37,8 @@ Commands buildCommands() {
       {"search", adapt(searchVerbs())},
       {"test", adapt(testVerbs())},
       {"language", adapt(languageVerbs())},
-      {"shell-command", {}},
-      {"doctor", {}},
+      {"shell-command", shimVerbs()},
+      {"doctor", doctorVerbs()},
   };
   commands.outcomeHandlers = {{"server", {{"start", serverStart}}},
                               {"remote", {{"ssh", remoteSsh}}}};

@@ -76,10 +76,10 @@ describe("usage errors", () => {
 
 describe("verbs not built into this CLI", () => {
   test("answer not implemented with exit 1", async () => {
-    await expectError(["doctor", "check"], "vorn doctor check: not implemented in this CLI\n", 1);
+    await expectError(["shell-command", "completion", "bash"], "vorn shell-command completion: not implemented in this CLI\n", 1);
     await expectError(
-      ["shell-command", "status", "-o", "json"],
-      '{"error":"vorn shell-command status: not implemented in this CLI","code":1}\n',
+      ["shell-command", "completion", "bash", "-o", "json"],
+      '{"error":"vorn shell-command completion: not implemented in this CLI","code":1}\n',
       1,
     );
   });
