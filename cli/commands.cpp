@@ -3,6 +3,7 @@
 #include "core/command_table.h"
 #include "hosts/delegate.h"
 #include "instances/instances.h"
+#include "shell/completion.h"
 #include "verbs/verbs.h"
 
 namespace vorn {
@@ -33,7 +34,7 @@ Commands buildCommands() {
       {"search", adapt(searchVerbs())},
       {"test", adapt(testVerbs())},
       {"language", adapt(languageVerbs())},
-      {"shell-command", {}},
+      {"shell-command", {{"completion", ShellCommand::completion}}},
       {"doctor", {}},
   };
   commands.outcomeHandlers = {{"server", {}}, {"remote", {}}};
