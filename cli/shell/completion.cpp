@@ -9,10 +9,8 @@ void ShellCommand::completion(const Flags& flags, Context& ctx) {
   const auto& scripts = completionScripts();
   auto script = flags.args.empty() ? scripts.end() : scripts.find(flags.args[0]);
   if (script == scripts.end()) {
-    std::string shells;
-    for (const std::string& shell : completionShells())
-      shells += (shells.empty() ? "" : ", ") + shell;
-    throw usageError("vorn shell-command completion: expected one of " + shells);
+    throw usageError("vorn shell-command completion: expected one of " +
+                     joinWords(completionShells(), ", "));
   }
   ctx.writeOut(std::string(script->second) + "\n");
 }

@@ -67,6 +67,8 @@ TEST(FlagWords, LongThenShort) {
                                       "--output", "-o"}));
   EXPECT_EQ(joinWords({}), "");
   EXPECT_EQ(joinWords({"a", "b"}), "a b");
+  EXPECT_EQ(joinWords({"a", "b", "c"}, ", "), "a, b, c");
+  EXPECT_EQ(joinWords({"a"}, "|"), "a");
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include "core/command_table.h"
 #include "core/dev_table.h"
 #include "core/help.h"
+#include "shell/completion_model.h"
 
 namespace vorn {
 
@@ -158,10 +159,11 @@ std::string developerTooling() {
       "to the checkout's own tooling; \\fBvorn dev help\\fR describes it.\n"
       "Its nouns and verbs:\n";
   for (const DevNounSpec& noun : devNouns()) {
-    std::string verbs;
+    std::vector<std::string> verbs;
     for (const DevVerbSpec& verb : noun.verbs)
-      verbs += (verbs.empty() ? "" : "|") + verb.name;
-    out += item(bold("vorn dev " + noun.noun) + " " + roffText(verbs), noun.summary);
+      verbs.push_back(verb.name);
+    out +=
+        item(bold("vorn dev " + noun.noun) + " " + roffText(joinWords(verbs, "|")), noun.summary);
   }
   return out;
 }
