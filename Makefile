@@ -1,10 +1,11 @@
-# The front door: make (build), make dev, make test, make demo, make bench, make install, make clean.
+# The front door: make (build), make dev, make test, make demo, make bench, make install,
+# make uninstall, make clean.
 BUILD   ?= build
 PREFIX  ?= /usr/local
 CMAKE_FLAGS ?=
 JOBS    ?= $(shell nproc 2>/dev/null || sysctl -n hw.ncpu 2>/dev/null || echo 2)
 
-.PHONY: all deps configure build dev test unit e2e demo bench bench-cli install clean format
+.PHONY: all deps configure build dev test unit e2e demo bench bench-cli install uninstall clean format
 
 all: build
 
@@ -47,9 +48,14 @@ bench: deps
 bench-cli: deps build tests/node_modules/.installed
 	@bench/cli_bench.sh $(BUILD)/vorn
 
+# The binary, the completion scripts and the manual page, by the build's install rules (the
+# same as cmake --install); DESTDIR is honoured. The list of what went where is kept in
+# $(BUILD)/install_manifest.txt, and make uninstall (with the same DESTDIR) removes exactly that.
 install: build
-	install -d $(DESTDIR)$(PREFIX)/bin
-	install -m 0755 $(BUILD)/vorn $(DESTDIR)$(PREFIX)/bin/vorn
+	DESTDIR=$(DESTDIR) cmake --install $(BUILD) --prefix $(PREFIX)
+
+uninstall:
+	@DESTDIR=$(DESTDIR) scripts/uninstall.sh $(BUILD)/install_manifest.txt
 
 format:
 	clang-format -i $$(git ls-files 'cli/*.cpp' 'cli/*.h' 'bench/*.cpp')

@@ -6,6 +6,7 @@
 #include "hosts/remote.h"
 #include "hosts/server.h"
 #include "instances/instances.h"
+#include "shell/completion.h"
 #include "shell/shim.h"
 #include "verbs/verbs.h"
 
@@ -25,6 +26,13 @@ std::map<std::string, Handler> adapt(const VerbTable& verbs) {
   return out;
 }
 
+// The shim's verbs and the completion verb share the noun.
+std::map<std::string, Handler> shellCommandVerbs() {
+  std::map<std::string, Handler> verbs = shimVerbs();
+  verbs["completion"] = printCompletion;
+  return verbs;
+}
+
 Commands buildCommands() {
   Commands commands;
   commands.handlers = {
@@ -37,7 +45,7 @@ Commands buildCommands() {
       {"search", adapt(searchVerbs())},
       {"test", adapt(testVerbs())},
       {"language", adapt(languageVerbs())},
-      {"shell-command", shimVerbs()},
+      {"shell-command", shellCommandVerbs()},
       {"doctor", doctorVerbs()},
   };
   commands.outcomeHandlers = {{"server", {{"start", serverStart}}},

@@ -74,17 +74,6 @@ describe("usage errors", () => {
   });
 });
 
-describe("verbs not built into this CLI", () => {
-  test("answer not implemented with exit 1", async () => {
-    await expectError(["shell-command", "completion", "bash"], "vorn shell-command completion: not implemented in this CLI\n", 1);
-    await expectError(
-      ["shell-command", "completion", "bash", "-o", "json"],
-      '{"error":"vorn shell-command completion: not implemented in this CLI","code":1}\n',
-      1,
-    );
-  });
-});
-
 describe("version", () => {
   test("prints the CLI line for every spelling", async () => {
     for (const word of ["version", "--version", "-V"]) {
