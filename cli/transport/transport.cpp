@@ -218,7 +218,10 @@ std::optional<size_t> announcedSize(std::string_view received) {
 }
 
 TransportError tooLarge(size_t maxBytes) {
-  return TransportError{"reply too large: over " + std::to_string(maxBytes >> 20) + " MiB"};
+  constexpr size_t mebibyte = size_t{1} << 20;
+  std::string limit = maxBytes % mebibyte == 0 ? std::to_string(maxBytes / mebibyte) + " MiB"
+                                               : std::to_string(maxBytes) + " bytes";
+  return TransportError{"reply too large: over " + limit};
 }
 
 // Everything the peer sends until it closes, received straight into the spare room of one
