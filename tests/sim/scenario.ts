@@ -5,8 +5,9 @@
 export type Headers = Record<string, string> | [string, string][];
 
 // One scripted route. A route that sets none of action, status, json, body,
-// bodyBase64, raw or rawBase64 only modifies the built-in reply of that
-// endpoint (delay, headers, chunking, split writes) and keeps its side effects.
+// bodyBase64, bodyFile, jsonStringBytes, raw or rawBase64 only modifies the
+// built-in reply of that endpoint (delay, headers, chunking, split writes) and
+// keeps its side effects.
 export interface Route {
   method?: string; // any method when absent or "*"
   path: string; // matched against the target when it holds "?", else against the path alone
