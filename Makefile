@@ -4,7 +4,7 @@ PREFIX  ?= /usr/local
 CMAKE_FLAGS ?=
 JOBS    ?= $(shell nproc 2>/dev/null || sysctl -n hw.ncpu 2>/dev/null || echo 2)
 
-.PHONY: all deps configure build test unit e2e demo bench bench-cli install clean format
+.PHONY: all deps configure build test unit e2e demo bench bench-cli bench-build install clean format
 
 all: build
 
@@ -30,13 +30,17 @@ tests/node_modules/.installed: tests/package.json tests/package-lock.json
 demo: deps build tests/node_modules/.installed
 	@scripts/demo.sh $(BUILD)/vorn
 
-bench: deps
+# Every benchmark beside its yardstick; rewrites the Benchmarks section of bench/RESULTS.md.
+bench: deps bench-build tests/node_modules/.installed
+	@bench/bench.sh $(BUILD)-bench
+
+# Only the whole-command timings, printed.
+bench-cli: deps bench-build tests/node_modules/.installed
+	@bench/bench.sh $(BUILD)-bench --cli-only
+
+bench-build: deps
 	cmake -S . -B $(BUILD)-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DVORN_TESTS=OFF -DVORN_BENCH=ON
 	cmake --build $(BUILD)-bench -j $(JOBS)
-	@for b in $(BUILD)-bench/*_bench; do echo "== $$b"; $$b; done
-
-bench-cli: deps build tests/node_modules/.installed
-	@bench/cli_bench.sh $(BUILD)/vorn
 
 install: build
 	install -d $(DESTDIR)$(PREFIX)/bin

@@ -8,7 +8,7 @@
 // bench/results.ts.
 import { mkdirSync, mkdtempSync, rmSync, writeFileSync } from "node:fs";
 import { tmpdir } from "node:os";
-import { join, resolve } from "node:path";
+import { basename, join, resolve } from "node:path";
 import { startSim, type Sim } from "../tests/sim/launch";
 
 function flag(name: string): string | undefined {
@@ -30,6 +30,7 @@ const out = flag("--out");
 
 interface Sample {
   ms: number;
+  cpuMs: number;
   rssKiB: number;
   status: number;
 }
@@ -43,6 +44,7 @@ export interface Stats {
 export interface Side {
   command: string;
   ms: Stats;
+  cpuMs: Stats;
   rssKiB: Stats;
 }
 
@@ -52,18 +54,32 @@ export interface Figure {
   runs: number;
   vorn: Side;
   yardstick: Side;
+  // The median of vorn / yardstick taken run by run: the two ran in turn, so each pair saw the
+  // same state of the machine.
+  pairRatio: number;
   replyBytes?: number; // for big replies: the size of the reply body
   sameOutput?: boolean; // whether vorn and the yardstick printed the same text
 }
 
-function stats(xs: number[]): Stats {
+function median(xs: number[]): number {
   const s = [...xs].sort((a, b) => a - b);
-  const mid = s.length % 2 ? s[(s.length - 1) / 2] : (s[s.length / 2 - 1] + s[s.length / 2]) / 2;
-  return { median: mid, min: s[0], max: s[s.length - 1] };
+  return s.length % 2 ? s[(s.length - 1) / 2] : (s[s.length / 2 - 1] + s[s.length / 2]) / 2;
 }
 
+function stats(xs: number[]): Stats {
+  return { median: median(xs), min: Math.min(...xs), max: Math.max(...xs) };
+}
+
+// The command as the results show it: without this run's temporary folders.
 function shown(cmd: string[]): string {
-  return cmd.map((w) => (w === vorn ? "vorn" : w === hello ? "bench_hello" : w)).join(" ");
+  return cmd
+    .map((w) => {
+      if (w === vorn) return "vorn";
+      if (w === hello) return "bench_hello";
+      if (!w.startsWith(tmpdir())) return w;
+      return w.endsWith("/vorn") ? "$XDG_RUNTIME_DIR/vorn" : basename(w);
+    })
+    .join(" ");
 }
 
 // Runs the command once with its output kept, so that a broken set-up fails loudly instead of
@@ -82,6 +98,7 @@ function side(cmd: string[], samples: Sample[]): Side {
   return {
     command: shown(cmd),
     ms: stats(samples.map((s) => s.ms)),
+    cpuMs: stats(samples.map((s) => s.cpuMs)),
     rssKiB: stats(samples.map((s) => s.rssKiB)),
   };
 }
@@ -95,11 +112,12 @@ function measure(
   cwd: string,
   runs: number,
   compare = false,
+  warmup = 2,
 ): Figure {
   const a = check(cmd, env, cwd);
   const b = check(yard, env, cwd);
   const n = Math.max(3, Math.round(runs * scale));
-  const r = Bun.spawnSync([timer, "--runs", String(n), "--warmup", "2", "--", ...cmd, "--vs", ...yard], {
+  const r = Bun.spawnSync([timer, "--runs", String(n), "--warmup", String(warmup), "--", ...cmd, "--vs", ...yard], {
     env,
     cwd,
     stdout: "pipe",
@@ -107,12 +125,19 @@ function measure(
   });
   if (r.exitCode !== 0) throw new Error(`bench_timer failed: ${r.stderr.toString()}`);
   const samples = JSON.parse(r.stdout.toString()) as { a: Sample[]; b: Sample[] };
-  const figure: Figure = { key, title, runs: n, vorn: side(cmd, samples.a), yardstick: side(yard, samples.b) };
+  const figure: Figure = {
+    key,
+    title,
+    runs: n,
+    vorn: side(cmd, samples.a),
+    yardstick: side(yard, samples.b),
+    pairRatio: median(samples.a.map((s, i) => s.ms / samples.b[i].ms)),
+  };
   if (compare) figure.sameOutput = a === b;
   const v = figure.vorn.ms.median;
   const y = figure.yardstick.ms.median;
   console.log(
-    `${title.padEnd(46)} ${v.toFixed(2).padStart(8)} ms  ${(figure.vorn.rssKiB.median / 1024).toFixed(1).padStart(6)} MiB` +
+    `${title.padEnd(46)} ${v.toFixed(2).padStart(8)} ms (cpu ${figure.vorn.cpuMs.median.toFixed(2).padStart(6)})  ${(figure.vorn.rssKiB.median / 1024).toFixed(1).padStart(6)} MiB` +
       `   | ${figure.yardstick.command.slice(0, 28).padEnd(28)} ${y.toFixed(2).padStart(8)} ms  ${(figure.yardstick.rssKiB.median / 1024).toFixed(1).padStart(6)} MiB`,
   );
   return figure;
@@ -175,14 +200,14 @@ function searchReply(): string {
 const figures: Figure[] = [];
 const work = mkdtempSync(join(tmpdir(), "vorn-bench-data-"));
 try {
-  console.log(`vorn: ${vorn}\n${"".padEnd(46)} vorn median        peak   | yardstick median\n`);
+  console.log(`vorn: ${vorn}\n${"".padEnd(46)} vorn median, own cpu             peak   | yardstick median\n`);
 
   // Start-up: nothing to find, so the figure is the cost of being started at all.
   const empty = join(work, "empty-runtime");
   mkdirSync(empty);
   const quiet = { PATH: "/usr/bin:/bin", HOME: empty, XDG_RUNTIME_DIR: empty };
-  figures.push(measure("startup", "vorn version, no instance", [vorn, "version"], [hello], quiet, work, 40));
-  figures.push(measure("help", "vorn help", [vorn, "help"], [hello], quiet, work, 40));
+  figures.push(measure("startup", "vorn version, no instance", [vorn, "version"], [hello], quiet, work, 100));
+  figures.push(measure("help", "vorn help", [vorn, "help"], [hello], quiet, work, 100));
 
   for (const count of [1, 8, 32]) {
     await withFleet(
@@ -221,12 +246,26 @@ try {
       ],
     }),
     (env) => {
-      const t = measure("tree", "workspace tree, 46 MB reply", [vorn, "workspace", "tree"], ["jq", ".", treeFile], env, work, 5, true);
+      const jq = ["jq", ".", treeFile];
+      const t = measure("tree", "workspace tree, 46 MB reply", [vorn, "workspace", "tree"], jq, env, work, 5, true, 1);
       t.replyBytes = tree.length;
       figures.push(t);
+      const j = measure("tree-json", "workspace tree -o json, 46 MB reply", [vorn, "-o", "json", "workspace", "tree"], jq, env, work, 3, false, 1);
+      j.replyBytes = tree.length;
+      figures.push(j);
       const s = measure("search", "search run, 10,000 matches", [vorn, "search", "run", "needle"], ["jq", ".", searchFile], env, work, 15);
       s.replyBytes = search.length;
       figures.push(s);
+    },
+  );
+  // The same reply without a length: in chunks, as a streaming server sends it.
+  await withFleet(
+    1,
+    () => ({ routes: [{ method: "POST", path: "/api/listTree", bodyFile: treeFile, chunks: [65536] }] }),
+    (env) => {
+      const c = measure("tree-chunked", "workspace tree, 46 MB reply in 64 KiB chunks", [vorn, "workspace", "tree"], ["jq", ".", treeFile], env, work, 3, false, 1);
+      c.replyBytes = tree.length;
+      figures.push(c);
     },
   );
 } finally {

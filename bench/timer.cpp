@@ -6,7 +6,8 @@
 //   bench_timer [--runs N] [--warmup N] -- COMMAND [ARG...] [--vs YARDSTICK [ARG...]]
 //
 // Each command starts with standard input, output and error on /dev/null. Prints one JSON
-// object: {"a": [{"ms": wall, "rssKiB": peak, "status": exit}, ...], "b": [...]}.
+// object: {"a": [{"ms": wall, "cpuMs": user + system, "rssKiB": peak, "status": exit}, ...],
+// "b": [...]}.
 #include <errno.h>
 #include <fcntl.h>
 #include <spawn.h>
@@ -27,6 +28,7 @@ namespace {
 
 struct Sample {
   double ms = 0;
+  double cpuMs = 0;  // user and system time of the process itself
   long rssKiB = 0;
   int status = 0;
 };
@@ -70,6 +72,8 @@ Sample runOnce(const std::vector<char*>& argv) {
     }
   }
   sample.ms = nowMs() - start;
+  sample.cpuMs = static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1e3 +
+                 static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e3;
   sample.rssKiB = peakKiB(usage);
   sample.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   return sample;
@@ -78,8 +82,8 @@ Sample runOnce(const std::vector<char*>& argv) {
 void printSamples(const char* name, const std::vector<Sample>& samples, bool last) {
   std::printf("\"%s\":[", name);
   for (size_t i = 0; i < samples.size(); ++i) {
-    std::printf("%s{\"ms\":%.4f,\"rssKiB\":%ld,\"status\":%d}", i ? "," : "", samples[i].ms,
-                samples[i].rssKiB, samples[i].status);
+    std::printf("%s{\"ms\":%.4f,\"cpuMs\":%.4f,\"rssKiB\":%ld,\"status\":%d}", i ? "," : "",
+                samples[i].ms, samples[i].cpuMs, samples[i].rssKiB, samples[i].status);
   }
   std::printf("]%s", last ? "" : ",");
 }
