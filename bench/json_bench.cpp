@@ -6,10 +6,12 @@
 #include <random>
 #include <string>
 
+#include "json/block_writer.h"
 #include "json/json.h"
 
 namespace {
 
+using vorn::BlockWriter;
 using vorn::JSON;
 
 std::string word(std::mt19937& rng) {
@@ -105,6 +107,21 @@ void BM_ReformatIndent2(benchmark::State& state) {
   state.counters["bytes"] = static_cast<double>(text.size());
 }
 
+// A large reply as it is printed: checked whole, then reformatted and handed on in blocks.
+void BM_PrintInBlocks(benchmark::State& state) {
+  const std::string& text = documentText();
+  size_t printed = 0;
+  BlockWriter out([&](std::string_view block) { printed += block.size(); });
+  for (auto _ : state) {
+    JSON::reformatTo(text, 2, 0, out);
+    out.flush();
+  }
+  benchmark::DoNotOptimize(printed);
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) *
+                          static_cast<int64_t>(text.size()));
+  state.counters["bytes"] = static_cast<double>(text.size());
+}
+
 void BM_SerializeIndent2(benchmark::State& state) {
   serialize(state, 2);
 }
@@ -131,6 +148,7 @@ BENCHMARK(BM_Parse)->Unit(benchmark::kMillisecond)->MinTime(2.0);
 BENCHMARK(BM_SerializeIndent2)->Unit(benchmark::kMillisecond)->MinTime(2.0);
 BENCHMARK(BM_SerializeIndent0)->Unit(benchmark::kMillisecond)->MinTime(2.0);
 BENCHMARK(BM_ReformatIndent2)->Unit(benchmark::kMillisecond)->MinTime(2.0);
+BENCHMARK(BM_PrintInBlocks)->Unit(benchmark::kMillisecond)->MinTime(2.0);
 
 }  // namespace
 

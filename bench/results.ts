@@ -141,6 +141,7 @@ function throughput(): string {
     ["BM_SerializeIndent2", "serialize at indent 2 (as printed)"],
     ["BM_SerializeIndent0", "serialize at indent 0 (request bodies)"],
     ["BM_ReformatIndent2", "reformat reply text at indent 2 without a value"],
+    ["BM_PrintInBlocks", "print a reply: check it parses, then reformat in blocks"],
   ];
   const body: string[][] = [];
   for (const [prefix, label] of names) {
