@@ -166,6 +166,28 @@ async function withFleet<T>(
   }
 }
 
+// `count` instances that answer at once (bench/quick_instances.ts), torn down afterwards.
+async function withQuickFleet<T>(count: number, body: (env: Record<string, string>, runtime: string) => T): Promise<T> {
+  const runtime = mkdtempSync(join(tmpdir(), "vorn-bench-"));
+  const proc = Bun.spawn([process.execPath, join(import.meta.dir, "quick_instances.ts"), runtime, String(count)], {
+    stdin: "pipe",
+    stdout: "pipe",
+    stderr: "inherit",
+  });
+  try {
+    const reader = (proc.stdout as ReadableStream<Uint8Array>).getReader();
+    const first = await reader.read();
+    if (!new TextDecoder().decode(first.value ?? new Uint8Array()).startsWith("ready")) {
+      throw new Error("bench/quick_instances.ts did not start");
+    }
+    return body({ PATH: "/usr/bin:/bin", HOME: runtime, XDG_RUNTIME_DIR: runtime }, runtime);
+  } finally {
+    proc.stdin.end();
+    await proc.exited;
+    rmSync(runtime, { recursive: true, force: true });
+  }
+}
+
 // A workspace tree reply of at least `bytes` bytes: directories of 200 files each.
 function treeReply(bytes: number): string {
   const parts: string[] = [];
@@ -220,6 +242,13 @@ try {
       },
     );
   }
+
+  // The same scan against instances that answer at once: the part of the above that is vorn's.
+  await withQuickFleet(32, (env, runtime) => {
+    figures.push(
+      measure("discovery-quick", "instance list -q, 32 quick instances", [vorn, "instance", "list", "-q"], ["ls", join(runtime, "vorn")], env, work, 30),
+    );
+  });
 
   await withFleet(
     8,
