@@ -50,6 +50,7 @@ const verdict = (ok: boolean) => (ok ? "met" : "**missed**");
 
 interface Row {
   figure: string;
+  runs: string;
   vorn: string;
   yardstick: string;
   ratio: string;
@@ -60,6 +61,7 @@ interface Row {
 function row(f: Figure, goal?: { text: string; ok: boolean }, ratio?: string): Row {
   return {
     figure: f.title,
+    runs: String(f.runs),
     vorn: withCpu(f.vorn),
     yardstick: `\`${f.yardstick.command}\` ${timing(f.yardstick)}`,
     ratio: ratio ?? times(f.pairRatio),
@@ -92,6 +94,7 @@ function rows(): Row[] {
         const share = (f.vorn.rssKiB.median * 1024) / (f.replyBytes ?? 1);
         out.push({
           figure: `…its peak memory (reply ${((f.replyBytes ?? 0) / 1e6).toFixed(1)} MB)`,
+          runs: String(f.runs),
           vorn: mib(f.vorn.rssKiB.median),
           yardstick: `jq ${mib(f.yardstick.rssKiB.median)}`,
           ratio: `${share.toFixed(2)}× the reply`,
@@ -161,6 +164,14 @@ function throughput(): string {
   );
 }
 
+// Whether vorn printed what jq printed for the tree reply.
+function sameText(): string {
+  const tree = figures.find((f) => f.key === "tree");
+  if (!tree) return "";
+  if (tree.sameOutput === false) return "\n**vorn and jq printed different text for the tree reply.**\n";
+  return "\nvorn and jq printed the same text for the tree reply, byte for byte.\n";
+}
+
 const ctx = gbench.context ?? {};
 const load = Array.isArray(ctx.load_avg) ? ctx.load_avg.map((x: number) => x.toFixed(2)).join(", ") : "unknown";
 const section = `## Benchmarks
@@ -179,15 +190,15 @@ each pair saw the same state of a shared machine. Peak memory is the largest res
 system accounted to the process (\`wait4\`). Output goes to /dev/null.
 The instances are simulated (\`tests/sim\`), one Bun process each, so their own reply time is in
 every figure that talks to them: a wall time well above vorn's own CPU time is time spent
-waiting for them. Ratios are vorn / yardstick unless they say "faster".
+waiting for them; "quick instances" answer at once (\`bench/quick_instances.ts\`), which shows
+the part of a discovery figure that is vorn's own. Ratios are vorn / yardstick unless they say
+"faster".
 
 ${table(
-  ["figure", "vorn", "yardstick", "ratio", "goal", ""],
-  rows().map((r) => [r.figure, r.vorn, r.yardstick, r.ratio, r.goal, r.met]),
+  ["figure", "runs", "vorn", "yardstick", "ratio", "goal", ""],
+  rows().map((r) => [r.figure, r.runs, r.vorn, r.yardstick, r.ratio, r.goal, r.met]),
 )}
-
-Runs per figure: ${figures.map((f) => `${f.title.split(",")[0]} ${f.runs}`).filter((v, i, a) => a.indexOf(v) === i).join("; ")}.
-${figures.find((f) => f.key === "tree")?.sameOutput === false ? "\n**vorn and jq printed different text for the tree reply.**\n" : figures.some((f) => f.key === "tree") ? "vorn and jq printed the same text for the tree reply, byte for byte.\n" : ""}
+${sameText()}
 ### JSON throughput
 
 ${throughput()}
