@@ -4,7 +4,7 @@ PREFIX  ?= /usr/local
 CMAKE_FLAGS ?=
 JOBS    ?= $(shell nproc 2>/dev/null || sysctl -n hw.ncpu 2>/dev/null || echo 2)
 
-.PHONY: all deps configure build test unit e2e demo bench bench-cli bench-build install clean format
+.PHONY: all deps configure build test unit e2e demo bench bench-cli install clean format
 
 all: build
 
