@@ -40,13 +40,17 @@ tests/node_modules/.installed: tests/package.json tests/package-lock.json
 demo: deps build tests/node_modules/.installed
 	@scripts/demo.sh $(BUILD)/vorn
 
-bench: deps
+# Every benchmark beside its yardstick; rewrites the Benchmarks section of bench/RESULTS.md.
+bench: deps bench-build tests/node_modules/.installed
+	@bench/bench.sh $(BUILD)-bench
+
+# Only the whole-command timings, printed.
+bench-cli: deps bench-build tests/node_modules/.installed
+	@bench/bench.sh $(BUILD)-bench --cli-only
+
+bench-build: deps
 	cmake -S . -B $(BUILD)-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DVORN_TESTS=OFF -DVORN_BENCH=ON
 	cmake --build $(BUILD)-bench -j $(JOBS)
-	@for b in $(BUILD)-bench/*_bench; do echo "== $$b"; $$b; done
-
-bench-cli: deps build tests/node_modules/.installed
-	@bench/cli_bench.sh $(BUILD)/vorn
 
 # The binary, the completion scripts and the manual page, by the build's install rules (the
 # same as cmake --install); DESTDIR is honoured. The list of what went where is kept in

@@ -184,7 +184,8 @@ bool isForeignHost(const InstanceInfo& record, const std::string& dialled) {
 
 std::optional<InstanceInfo> probeInstance(const std::string& sock) {
   try {
-    Reply reply = Transport::request(sock, "GET", "/instance");
+    Reply reply =
+        Transport::request(sock, "GET", "/instance", nullptr, Transport::recordReplyBytes);
     if (!reply.ok()) return std::nullopt;
     std::optional<InstanceInfo> info = InstanceInfo::fromJSON(reply.body);
     if (!info) return std::nullopt;

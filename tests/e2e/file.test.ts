@@ -513,3 +513,11 @@ describe("file read", () => {
     expect(r.code).toBe(1);
   });
 });
+
+describe("file read: a reply of 1 GB", () => {
+  test("sent without a length, until the instance closes: stops with a clear error after the limit", async () => {
+    await sb.sim({ id: "a", routes: [{ method: "GET", path: "/read", jsonStringBytes: 1 << 30, contentLength: false }] });
+    const r = await sb.run(["file", "read", "big.log"]);
+    expect([r.stdout, r.stderr, r.code]).toEqual(["", "vorn: reply too large: over 256 MiB\n", 1]);
+  });
+});

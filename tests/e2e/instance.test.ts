@@ -595,3 +595,18 @@ describe("instance health", () => {
     expect(calls(second)).toEqual([]);
   });
 });
+
+// An instance record is a few hundred bytes: the probe gives up after 1 MiB and the scan goes on.
+describe("instance list: a record of 1 GB", () => {
+  test("that instance is unreachable; the others list", async () => {
+    const [big, ok] = await Promise.all([
+      sb.sim({ id: "big", routes: [{ method: "GET", path: "/instance", jsonStringBytes: 1 << 30 }] }),
+      sb.sim({ id: "ok" }),
+    ]);
+    const r = await sb.run(["instance", "list"]);
+    expect(r.stdout).toBe(instanceTable([ok]) + "\n");
+    expect(r.stderr).toBe(`vorn: 1 unreachable instance dir(s): ${big.pid} (unreachable) ${DASH} run vorn instance prune\n`);
+    expect(r.code).toBe(0);
+    expect(r.maxRssBytes).toBeLessThan(128 * 1024 * 1024);
+  });
+});

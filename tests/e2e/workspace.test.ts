@@ -502,3 +502,33 @@ describe("workspace tree", () => {
     expect(r.code).toBe(0);
   });
 });
+
+// A reply is held whole before any of it is printed (it must be known to parse first), so one
+// beyond the limit for printed replies stops with an error instead of taking its size in memory.
+describe("workspace tree: a reply of 1 GB", () => {
+  const GB = 1 << 30;
+
+  test("stops with a clear error after the limit, nothing printed, memory bounded", async () => {
+    await sb.sim({ id: "a", routes: [{ method: "POST", path: "/api/listTree", jsonStringBytes: GB }] });
+    const r = await sb.run(["workspace", "tree"]);
+    expect([r.stdout, r.stderr, r.code]).toEqual(["", "vorn: reply too large: over 256 MiB\n", 1]);
+    // A coarse guard: the reply was not taken whole.
+    expect(r.maxRssBytes).toBeGreaterThan(0);
+    expect(r.maxRssBytes).toBeLessThan(512 * 1024 * 1024);
+  });
+
+  test("chunked, among several instances: that row carries the error, the others print", async () => {
+    const [a, b] = byPid(await sb.sims(2, (i) => ({ id: ["a", "b"][i] })));
+    await a.addRoute({ method: "POST", path: "/api/listTree", jsonStringBytes: GB, chunks: [65536] });
+    const r = await sb.run(["workspace", "tree"]);
+    expect(r.stdout).toBe(
+      pretty({
+        results: [
+          { id: a.id, ok: false, error: "reply too large: over 256 MiB" },
+          { id: b.id, ok: true, body: [] },
+        ],
+      }),
+    );
+    expect([r.stderr, r.code]).toEqual(["", 0]);
+  });
+});
