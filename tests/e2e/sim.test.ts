@@ -664,6 +664,32 @@ describe("life cycle", () => {
     expect(exists(path.dirname(sock))).toBe(false);
   });
 
+  test("crashAfter: the reply arrives, then the instance is gone as after a crash", async () => {
+    const s = await sb.sim({ routes: [{ path: "/instance", crashAfter: true }] });
+    const r = await request(s.sock, "GET", "/instance");
+    expect(r.status).toBe(200);
+    expect(r.json).toMatchObject({ id: s.id, pid: s.pid, socketPath: s.sock });
+    // Refused at once, whether or not the process has ended yet.
+    expect((await exchange(s.sock, requestBytes("GET", "/health"))).error).toBe("ECONNREFUSED");
+    expect(await s.exited).toBe(null);
+    expect(s.stderr()).toBe("");
+    expect(fs.readdirSync(s.dir)).toEqual(["fs.sock"]);
+    expect(fs.statSync(s.sock).isSocket()).toBe(true);
+    expect((await exchange(s.sock, requestBytes("GET", "/instance"))).error).toBe("ECONNREFUSED");
+    expect(s.requests().map((q) => q.target)).toEqual(["/instance"]);
+  });
+
+  test("crashAfter follows any reply, a dropped connection too, but never a hang", async () => {
+    const s = await sb.sim({ routes: [{ path: "/health", action: "close", crashAfter: true }] });
+    const ex = await exchange(s.sock, requestBytes("GET", "/health"));
+    expect(ex).toMatchObject({ closed: true, timedOut: false });
+    expect(ex.bytes.length).toBe(0);
+    expect(await s.exited).toBe(null);
+    expect(fs.statSync(s.sock).isSocket()).toBe(true);
+    await expect(sb.sim({ routes: [{ path: "/x", action: "hang", crashAfter: true }] })).rejects.toThrow('"crashAfter" needs a reply to follow');
+    await expect(sb.sim({ routes: [{ path: "/x", crashAfter: 1 } as never] })).rejects.toThrow('"crashAfter" must be a boolean');
+  });
+
   test("folder-only, socket-file, symbolic-link and renamed-folder instances", async () => {
     const bare = await sb.sim({ sock: "none" });
     expect(fs.readdirSync(bare.dir)).toEqual([]);

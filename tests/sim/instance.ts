@@ -184,6 +184,23 @@ function shutdown(code: number): void {
   process.exit(code);
 }
 
+// Stops taking connections but leaves the socket file where it is, as a process that died
+// leaves it: whoever connects from now on is refused. (Closing the server alone would unlink it.)
+function stopListening(): void {
+  if (server === undefined) return;
+  const kept = `${bindPath}.kept`;
+  fs.linkSync(bindPath, kept);
+  server.close();
+  fs.renameSync(kept, bindPath);
+  server = undefined;
+}
+
+// Ends at once, as a crash would: by a signal, with the folder and the socket left behind.
+function crash(): never {
+  process.kill(process.pid, "SIGKILL");
+  throw new Error("still running after SIGKILL");
+}
+
 for (const sig of ["SIGTERM", "SIGINT", "SIGHUP"] as const) process.on(sig, () => shutdown(0));
 process.on("uncaughtException", (e) => {
   try {
@@ -401,12 +418,13 @@ async function answer(sock: net.Socket, conn: number, req: ParsedRequest): Promi
   if (route?.delayMs) await sleep(route.delayMs);
   const bytes = replyBytes(route, b);
   if (bytes === "hang") return;
-  if (bytes === "close") {
-    sock.destroy();
-    return;
-  }
-  if (Buffer.isBuffer(bytes)) await send(sock, bytes, route);
+  // Before the reply is out, so that nobody the reply lets go on can still connect.
+  if (route?.crashAfter) stopListening();
+  if (bytes === "close") sock.destroy();
+  else if (Buffer.isBuffer(bytes)) await send(sock, bytes, route);
   else await sendPieces(sock, bytes, route);
+  if (route?.crashAfter) crash();
+  if (bytes === "close") return;
   if (b?.effect === "quit" && !st.scenario.ignoreQuit) {
     if (st.scenario.quitDelayMs) await sleep(st.scenario.quitDelayMs);
     shutdown(0);

@@ -31,6 +31,7 @@ export interface Route {
   writes?: number[]; // split the reply bytes into separate writes of these sizes
   writeGapMs?: number; // pause between those writes
   keepOpen?: boolean; // after the reply, leave the connection open
+  crashAfter?: boolean; // after the reply, end the process as a crash does (folder and dead socket stay)
 }
 
 export interface TestResults {
@@ -87,6 +88,7 @@ const ROUTE_KEYS = new Set([
   "writes",
   "writeGapMs",
   "keepOpen",
+  "crashAfter",
 ]);
 
 const SCENARIO_KEYS = new Set([
@@ -186,8 +188,9 @@ export function checkRoute(r: unknown, where: string): Route {
     throw new ScenarioError(`${where}: "contentLength" must be a non-negative integer or false`);
   if (r.chunks !== undefined && !intList(r.chunks, true)) throw new ScenarioError(`${where}: "chunks" must be a list of positive integers`);
   if (r.writes !== undefined && !intList(r.writes, true)) throw new ScenarioError(`${where}: "writes" must be a list of positive integers`);
-  for (const k of ["chunkEnd", "keepOpen"])
+  for (const k of ["chunkEnd", "keepOpen", "crashAfter"])
     if (r[k] !== undefined && typeof r[k] !== "boolean") throw new ScenarioError(`${where}: "${k}" must be a boolean`);
+  if (r.crashAfter === true && r.action === "hang") throw new ScenarioError(`${where}: "crashAfter" needs a reply to follow ("hang" never ends)`);
   return r as unknown as Route;
 }
 
