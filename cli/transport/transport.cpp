@@ -205,9 +205,13 @@ Head parseHead(std::string_view bytes) {
 }
 
 // The whole size a reply announces (header and body), once its header has arrived; 0 when it
-// announces none that can be trusted.
-std::optional<size_t> announcedSize(std::string_view received) {
-  if (indexOf(received, "\r\n\r\n") == std::string_view::npos) return std::nullopt;
+// announces none that can be trusted. `searched` is how far earlier calls found no blank line:
+// a header that arrives in many pieces (or never ends) is searched once, not once per piece.
+std::optional<size_t> announcedSize(std::string_view received, size_t& searched) {
+  if (indexOf(received, "\r\n\r\n", searched < 3 ? 0 : searched - 3) == std::string_view::npos) {
+    searched = received.size();
+    return std::nullopt;
+  }
   try {
     Head head = parseHead(received);
     if (head.chunked || !head.contentLength || *head.contentLength > maxPresizeBytes) return 0;
@@ -232,6 +236,7 @@ ReplyBytes readAll(int fd, size_t maxBytes) {
   ReplyBytes out;
   out.reserve(readChunkBytes);
   bool presized = false;
+  size_t headerSearched = 0;
   while (true) {
     if (out.spareSize() == 0) out.reserve(2 * out.size());
     ssize_t n = ::recv(fd, out.spare(), out.spareSize(), 0);
@@ -243,7 +248,7 @@ ReplyBytes readAll(int fd, size_t maxBytes) {
     out.commit(static_cast<size_t>(n));
     if (out.size() > maxBytes) throw tooLarge(maxBytes);
     if (!presized) {
-      if (auto size = announcedSize(out.view())) {
+      if (auto size = announcedSize(out.view(), headerSearched)) {
         presized = true;
         // One spare byte so that the closing receive of 0 bytes needs no growth.
         if (*size > 0) out.reserve(std::min(*size, maxBytes) + 1);

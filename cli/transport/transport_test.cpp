@@ -1,5 +1,6 @@
 #include "transport/transport.h"
 
+#include <errno.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
@@ -342,7 +343,9 @@ using testing::TempDir;
 // scripted bytes. Every wait has a deadline, so a failing test never hangs.
 class TestServer {
  public:
-  enum class Mode { reply, closeAfterRequest, closeAtOnce };
+  // replyUnread answers as soon as the request has arrived, without reading it, and closes;
+  // replyHeaderSlowly sends the reply's header a byte at a time, then the rest at once.
+  enum class Mode { reply, closeAfterRequest, closeAtOnce, replyUnread, replyHeaderSlowly };
 
   explicit TestServer(std::string name = "fs.sock") : path_(dir_.path() + "/" + name) {
     listenFd_ = ::socket(AF_UNIX, SOCK_STREAM, 0);
@@ -394,8 +397,20 @@ class TestServer {
     if (!waitFor(listenFd_, POLLIN)) return;
     int fd = ::accept(listenFd_, nullptr, nullptr);
     if (fd < 0) return;
-    if (mode != Mode::closeAtOnce) readRequest(fd);
+    if (mode == Mode::replyUnread) {
+      if (waitFor(fd, POLLIN)) writeReply(fd, reply);
+    } else if (mode != Mode::closeAtOnce) {
+      readRequest(fd);
+    }
     if (mode == Mode::reply) writeReply(fd, reply);
+    if (mode == Mode::replyHeaderSlowly) {
+      size_t headerEnd = reply.find("\r\n\r\n") + 4;
+      for (size_t i = 0; i < headerEnd; ++i) {
+        writeReply(fd, reply.substr(i, 1));
+        ::poll(nullptr, 0, 1);  // so that the client mostly takes each byte on its own
+      }
+      writeReply(fd, reply.substr(headerEnd));
+    }
     ::close(fd);
   }
 
@@ -570,6 +585,15 @@ TEST(TransportLimit, ChunkedAndUnannouncedRepliesAreCountedAsTheyCome) {
   }
 }
 
+TEST(TransportLimit, AHeaderThatNeverEndsStopsAtTheLimit) {
+  TestServer server;
+  server.serve(TestServer::Mode::reply, "HTTP/1.1 200 OK\r\nX-Pad: " + std::string(3u << 20, 'a'));
+  EXPECT_EQ(describe([&] {
+              Transport::request(server.path(), "GET", "/x", nullptr, Transport::recordReplyBytes);
+            }),
+            "reply too large: over 1 MiB");
+}
+
 // A length beyond the limit that the body does not bear out is taken as it came.
 TEST(TransportLimit, AnAnnouncedLengthAloneIsNotTooLarge) {
   TestServer server;
@@ -655,6 +679,32 @@ TEST(TransportRequest, PeerClosingDuringALargeWriteIsAWriteError) {
   JSON body = JSON::object({{"text", JSON(std::string(16 * 1024 * 1024, 'x'))}});
   std::string error = describe([&] { Transport::request(server.path(), "POST", "/write", &body); });
   EXPECT_EQ(error.rfind("write: ", 0), 0u) << error;
+}
+
+TEST(TransportRequest, ResetInTheMiddleOfTheHeaderIsAReadError) {
+  TestServer server;
+  // Closing over a request it never read resets the connection; what was sent before the reset
+  // arrives first.
+  server.serve(TestServer::Mode::replyUnread, "HTTP/1.1 200 OK\r\nContent-Ty");
+  std::string error = describe([&] { Transport::request(server.path(), "GET", "/health"); });
+#ifdef __linux__
+  EXPECT_EQ(error, "read: "s + std::strerror(ECONNRESET));
+#else
+  // Elsewhere the unread request may be dropped quietly, and the reply simply stops.
+  EXPECT_TRUE(error == "read: "s + std::strerror(ECONNRESET) || error == "malformed HTTP reply")
+      << error;
+#endif
+}
+
+// Received in pieces, the blank line split across them, the header still tells the body's length,
+// and the reply is received into a block of exactly that size.
+TEST(TransportRequest, AHeaderArrivingInPiecesStillSizesTheReply) {
+  TestServer server;
+  std::string body = "\"" + std::string(200000, 'x') + "\"";
+  server.serve(TestServer::Mode::replyHeaderSlowly, okReply(body));
+  RawReply raw = Transport::exchange(server.path(), "GET", "/x");
+  EXPECT_EQ(raw.body, body);
+  EXPECT_EQ(raw.body.spareSize(), 1u);
 }
 
 TEST(TransportRequest, SocketPathOf104BytesIsTooLong) {
