@@ -216,6 +216,16 @@ export function endHostsAfterEach(): void {
   afterEach(endTracked);
 }
 
+/**
+ * The names `server start --detach` may give its log just now: from the second before this one
+ * (the system's coarse clock, which vorn's time() reads, may still be there) to a few seconds
+ * ahead, so that a start lands on one of them whatever the clock.
+ */
+export function logNamesAround(sb: Sandbox): string[] {
+  const now = Math.floor(Date.now() / 1000);
+  return Array.from({ length: 7 }, (_, i) => path.join(sb.runtimeRoot, `server-${now - 1 + i}.log`));
+}
+
 /** The parts of the text `vorn server start --detach` prints. */
 export function parseStarted(stdout: string): { pid: number; sock: string; log: string } | undefined {
   const m = /^vorn server (\d+) \(headless\) on (.*)\nlog (.*)\n$/.exec(stdout);

@@ -13,6 +13,7 @@ import {
   expectDefaultSigpipe,
   fakeApp,
   hostCheckout,
+  logNamesAround,
   parseStarted,
   probedPids,
   probeEnv,
@@ -52,14 +53,6 @@ function hostList(hosts: { pid: number; sock: string; workspace: string }[]): st
 function expectNothingLeft(): void {
   expect(processesMentioning(sb.root)).toEqual([]);
   expect(sb.runtimeEntries().filter((n) => /^\d+$/.test(n))).toEqual([]);
-}
-
-/** Log names for this second and the next few, so a start lands on one whatever the clock. */
-// The log names of the second before this one (the system's coarse clock, which vorn's time()
-// reads, may still be there) to a few seconds ahead.
-function logNamesAround(): string[] {
-  const now = Math.floor(Date.now() / 1000);
-  return Array.from({ length: 7 }, (_, i) => path.join(sb.runtimeRoot, `server-${now - 1 + i}.log`));
 }
 
 describe("server start --detach", () => {
@@ -209,7 +202,7 @@ describe("server start --detach", () => {
       const second = Math.floor(Date.now() / 1000) + 1;
       // A little past the turn: the coarse clock that time() reads lags by up to a tick.
       await eventually(() => Date.now() >= second * 1000 + 20, 2000);
-      const logs = logNamesAround();
+      const logs = logNamesAround(sb);
       for (const log of logs) fs.writeFileSync(log, "earlier\n", { mode: 0o600 });
       const [a, b] = await Promise.all([0, 1].map(() => sb.run(["server", "start", "--detach"], { cwd: root })));
       const [ha, hb] = [parseStarted(a.stdout)!, parseStarted(b.stdout)!];
@@ -268,7 +261,7 @@ describe("server start --detach", () => {
     useRealBun(sb);
     fs.mkdirSync(sb.runtimeRoot, { mode: 0o700 });
     // A folder where the log would go, for any second the start may fall in.
-    for (const log of logNamesAround()) fs.mkdirSync(log);
+    for (const log of logNamesAround(sb)) fs.mkdirSync(log);
     const r = await sb.run(["server", "start", "--detach"], { cwd: root });
     expect(r.stdout).toBe("");
     expect(r.stderr).toBe("vorn server start: cannot run bun: Is a directory\n");
