@@ -51,6 +51,13 @@ mkdir -p "$checkout/tools" "$checkout/src/cli" "$checkout/src/bun" "$demo/bin" "
 : >"$checkout/tools/go.pin"
 : >"$checkout/src/cli/vorn.ts"
 printf 'import "%s";\n' "$repo/tests/sim/headless.ts" >"$checkout/src/bun/headless.ts"
+# Its language toolchain rows for the doctor, as a real checkout's script would report them.
+cat >"$checkout/src/cli/doctor-packs.ts" <<'PACKS'
+console.log(JSON.stringify([
+  { name: "go", status: "ok", detail: "go1.22.5 linux/amd64 (simulated)" },
+  { name: "gopls", status: "warn", detail: "not on PATH (simulated) - install it with go install golang.org/x/tools/gopls@latest" },
+]));
+PACKS
 
 # Two folders to open.
 mkdir -p "$projects/hello" "$projects/scratch"
@@ -62,6 +69,8 @@ printf 'package scratch\n\n// TODO: try things out here\n' >"$projects/scratch/s
 ln -s "$repo/tests/node_modules/.bin/bun" "$demo/bin/bun"
 export PATH="$demo/bin:$PATH"
 export XDG_RUNTIME_DIR="$runtime"
+export HOME="$demo/home" # the doctor reads the home folder; the demo keeps to its own
+mkdir -p "$HOME"
 unset VORN_REPO_ROOT VORN_APP VORN_EDITION VORN_PID
 cd "$projects" || exit 1
 
@@ -97,6 +106,13 @@ echo
 echo "Now work from $projects:"
 
 step instance list
+echo
+echo "Completion is generated from the same table as the help (eval it in ~/.bashrc):"
+printf '\n%s$ vorn shell-command completion bash | head -n 3%s\n' "$bold" "$plain"
+"$vorn" shell-command completion bash | head -n 3
+echo
+echo "The doctor needs no instance; from the checkout it also runs its toolchain script:"
+(cd "$checkout" && step doctor check)
 step instance inspect "$scratch"
 step version
 step instance health -o json

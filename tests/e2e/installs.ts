@@ -95,7 +95,7 @@ export function shimPath(sb: Sandbox): string {
   return path.join(sb.home, ".local/bin/vorn");
 }
 
-/** Whether the shim path holds a file (or link), without following it. */
+/** Whether a path holds a file, folder or link, without following it. */
 export function exists(p: string): boolean {
   try {
     fs.lstatSync(p);
