@@ -12,6 +12,7 @@
 import { expect } from "bun:test";
 import path from "node:path";
 import type { Route, RunOptions, RunResult, Sandbox, Sim } from "./harness";
+import { parse, render, type Row } from "./doctor";
 import { processesMentioning } from "./hosts";
 import { DASH, instanceTable, pretty } from "./support";
 
@@ -77,38 +78,16 @@ function withRow(stdout: string, id: string, row: Record<string, unknown>): stri
   return pretty(value);
 }
 
-/** One row of `vorn doctor check`: status, name, detail. */
-export type DoctorRow = [status: string, name: string, detail: string];
-
-export function doctorRows(text: string): DoctorRow[] {
-  const rows: DoctorRow[] = [];
-  for (const line of text.split("\n")) {
-    if (line === "") break;
-    const m = /^\[(ok|warn|fail) *\] (\S+) {2,}(.*)$/.exec(line);
-    expect(m).not.toBeNull();
-    rows.push([m![1], m![2], m![3]]);
-  }
-  return rows;
-}
-
-/** The doctor's text for these rows: names padded to the longest, then the summary line. */
-export function doctorText(rows: DoctorRow[]): string {
-  const width = Math.max(...rows.map(([, name]) => [...name].length));
-  const count = (status: string) => rows.filter(([s]) => s === status).length;
-  const lines = rows.map(([status, name, detail]) => `[${status.padEnd(4)}] ${name.padEnd(width)}  ${detail}\n`).join("");
-  return `${lines}\n${count("fail")} failed, ${count("warn")} warning(s).\n`;
-}
-
 /** The doctor's outcome with its rows changed by `edit`; it exits 1 exactly when a row failed. */
-export function doctorEdited(base: Outcome, edit: (rows: DoctorRow[]) => DoctorRow[]): Outcome {
-  const rows = doctorRows(base.stdout);
-  expect(doctorText(rows)).toBe(base.stdout); // the rendering above is the doctor's own
+export function doctorEdited(base: Outcome, edit: (rows: Row[]) => Row[]): Outcome {
+  const rows = parse(base.stdout);
+  expect(render(rows)).toBe(base.stdout); // the rendering is the doctor's own
   const changed = edit(rows);
-  return { stdout: doctorText(changed), stderr: "", code: changed.some(([s]) => s === "fail") ? 1 : 0 };
+  return { stdout: render(changed), stderr: "", code: changed.some(([s]) => s === "fail") ? 1 : 0 };
 }
 
 /** The doctor's rows with an unreachable folder reported just before the "instances" row. */
-export function withStaleRow(rows: DoctorRow[], dir: string): DoctorRow[] {
+export function withStaleRow(rows: Row[], dir: string): Row[] {
   const at = rows.findIndex(([, name]) => name === "instances");
   expect(at).toBeGreaterThan(0);
   return [...rows.slice(0, at), ["warn", "runtime.stale", `${dir} (unreachable) ${DASH} run vorn instance prune`], ...rows.slice(at)];
