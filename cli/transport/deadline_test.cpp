@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "paths/test_files.h"
+#include "transport/test_transport.h"
 #include "transport/transport.h"
 
 namespace vorn {
@@ -24,14 +25,7 @@ namespace {
 
 using testing::TempDir;
 
-std::string failure(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const TransportError& e) {
-    return e.description;
-  }
-  return "<no error>";
-}
+using testing::describe;
 
 // ---------------------------------------------------------------------------------------
 // The variable's value
@@ -194,11 +188,21 @@ struct TimeoutTest : ::testing::Test {
 
 const std::string okReply = "HTTP/1.1 200 OK\r\nContent-Length: 11\r\n\r\n{\"ok\":true}";
 
+// The OK reply in two pieces, each sent after its pause.
+std::vector<SlowServer::Piece> inHalves(int firstMs, int secondMs) {
+  size_t half = okReply.size() / 2;
+  return {{firstMs, okReply.substr(0, half)}, {secondMs, okReply.substr(half)}};
+}
+
+void expectTheOkReply(const std::string& sock) {
+  EXPECT_EQ(Transport::request(sock, "GET", "/health").body, JSON::object({{"ok", JSON(true)}}));
+}
+
 TEST_F(TimeoutTest, AnInstanceThatAcceptsAndNeverAnswers) {
   SlowServer server;
   server.serve(true, {});
   Transport::setTimeout(0.2);
-  EXPECT_EQ(failure([&] { Transport::request(server.path(), "GET", "/health"); }),
+  EXPECT_EQ(describe([&] { Transport::request(server.path(), "GET", "/health"); }),
             "timed out after 0.2s");
   // The request went out whole: the wait that ran out was the one for the reply.
   EXPECT_EQ(server.request(), Transport::buildRequest("GET", "/health", nullptr));
@@ -206,9 +210,9 @@ TEST_F(TimeoutTest, AnInstanceThatAcceptsAndNeverAnswers) {
 
 TEST_F(TimeoutTest, AnInstanceThatAnswersHalf) {
   SlowServer server;
-  server.serve(true, {{0, okReply.substr(0, okReply.size() / 2)}});
+  server.serve(true, {inHalves(0, 0)[0]});
   Transport::setTimeout(0.25);
-  EXPECT_EQ(failure([&] { Transport::request(server.path(), "GET", "/health"); }),
+  EXPECT_EQ(describe([&] { Transport::request(server.path(), "GET", "/health"); }),
             "timed out after 0.25s");
 }
 
@@ -220,7 +224,7 @@ TEST_F(TimeoutTest, TheLimitCoversTheWholeExchangeNotEachRead) {
   SlowServer server;
   server.serve(true, drip, true);
   Transport::setTimeout(0.3);
-  EXPECT_EQ(failure([&] { Transport::request(server.path(), "GET", "/health"); }),
+  EXPECT_EQ(describe([&] { Transport::request(server.path(), "GET", "/health"); }),
             "timed out after 0.3s");
 }
 
@@ -229,24 +233,21 @@ TEST_F(TimeoutTest, AnInstanceThatNeverReadsStopsALargeWrite) {
   server.serve(false, {});
   Transport::setTimeout(0.3);
   JSON body = JSON::object({{"text", JSON(std::string(16 * 1024 * 1024, 'x'))}});
-  EXPECT_EQ(failure([&] { Transport::request(server.path(), "POST", "/write", &body); }),
+  EXPECT_EQ(describe([&] { Transport::request(server.path(), "POST", "/write", &body); }),
             "timed out after 0.3s");
 }
 
 TEST_F(TimeoutTest, AReplyWithinTheLimitArrives) {
   SlowServer server;
-  server.serve(true, {{50, okReply}}, true);
+  server.serve(true, inHalves(50, 0), true);
   Transport::setTimeout(30);
-  EXPECT_EQ(Transport::request(server.path(), "GET", "/health").body,
-            JSON::object({{"ok", JSON(true)}}));
+  expectTheOkReply(server.path());
 }
 
 TEST_F(TimeoutTest, WithoutALimitASlowReplyIsWaitedFor) {
-  size_t half = okReply.size() / 2;
   SlowServer server;
-  server.serve(true, {{0, okReply.substr(0, half)}, {300, okReply.substr(half)}}, true);
-  EXPECT_EQ(Transport::request(server.path(), "GET", "/health").body,
-            JSON::object({{"ok", JSON(true)}}));
+  server.serve(true, inHalves(0, 300), true);
+  expectTheOkReply(server.path());
 }
 
 TEST_F(TimeoutTest, GetJSONFoldsTheTimeoutIntoItsError) {
@@ -262,7 +263,7 @@ TEST_F(TimeoutTest, ARefusedConnectionIsStillRefused) {
   ::close(gone.fd);  // nothing listens any more; the socket file stays
   gone.fd = -1;
   Transport::setTimeout(5);
-  EXPECT_EQ(failure([&] { Transport::request(gone.path, "GET", "/health"); }),
+  EXPECT_EQ(describe([&] { Transport::request(gone.path, "GET", "/health"); }),
             "connect " + gone.path + ": Connection refused");
 }
 
@@ -296,12 +297,10 @@ class Interruptions {
 };
 
 TEST_F(TimeoutTest, InterruptedWaitsGoOn) {
-  size_t half = okReply.size() / 2;
   SlowServer server;
-  server.serve(true, {{100, okReply.substr(0, half)}, {100, okReply.substr(half)}}, true);
+  server.serve(true, inHalves(100, 100), true);
   Interruptions signals;
-  EXPECT_EQ(Transport::request(server.path(), "GET", "/health").body,
-            JSON::object({{"ok", JSON(true)}}));
+  expectTheOkReply(server.path());
 }
 
 TEST_F(TimeoutTest, InterruptedWaitsStillEndAtTheDeadline) {
@@ -309,7 +308,7 @@ TEST_F(TimeoutTest, InterruptedWaitsStillEndAtTheDeadline) {
   server.serve(true, {});
   Transport::setTimeout(0.2);
   Interruptions signals;
-  EXPECT_EQ(failure([&] { Transport::request(server.path(), "GET", "/health"); }),
+  EXPECT_EQ(describe([&] { Transport::request(server.path(), "GET", "/health"); }),
             "timed out after 0.2s");
 }
 
@@ -332,7 +331,7 @@ struct FullQueue {
 TEST_F(TimeoutTest, AFullListenQueueTimesOutTheConnect) {
   FullQueue queue;
   Transport::setTimeout(0.2);
-  EXPECT_EQ(failure([&] { Transport::request(queue.listener.path, "GET", "/health"); }),
+  EXPECT_EQ(describe([&] { Transport::request(queue.listener.path, "GET", "/health"); }),
             "timed out after 0.2s");
 }
 
