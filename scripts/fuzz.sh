@@ -30,10 +30,12 @@ artifacts="$build/fuzz-artifacts/$target/"
 [ -d "$seeds" ] || { echo "fuzz.sh: no seed corpus at $seeds" >&2; exit 2; }
 mkdir -p "$scratch" "$artifacts"
 
-# Longest input tried: enough for every seed that matters (the deepest JSON nesting is 512).
+# Longest input tried: enough for every seed that matters (the deepest JSON nesting is 512)
+# and for any command line or word a person types.
 case "$target" in
   json) max_len=8192 ;;
   http_reply) max_len=4096 ;;
+  flags | file_target) max_len=256 ;;
   *) max_len=1024 ;;
 esac
 
