@@ -1,11 +1,11 @@
-# The front door: make (build), make test, make demo, make bench, make fuzz, make install,
-# make clean.
+# The front door: make (build), make dev, make test, make demo, make bench, make fuzz,
+# make install, make uninstall, make clean.
 BUILD   ?= build
 PREFIX  ?= /usr/local
 CMAKE_FLAGS ?=
 JOBS    ?= $(shell nproc 2>/dev/null || sysctl -n hw.ncpu 2>/dev/null || echo 2)
 
-.PHONY: all deps configure build test unit e2e demo bench bench-cli fuzz fuzz-build fuzz-test install clean format
+.PHONY: all deps configure build dev test unit e2e demo bench bench-cli fuzz fuzz-build fuzz-test install uninstall clean format
 
 all: build
 
@@ -20,6 +20,15 @@ configure: $(BUILD)/build.ninja
 build: configure
 	cmake --build $(BUILD) --target vorn -j $(JOBS)
 
+# A debug build at .build/debug/vorn: where the vorn shim of an editor checkout that holds this
+# project at cli/native looks for it. The shim counts the build stale when a source is newer,
+# so a successful build marks it current even when nothing needed relinking.
+DEV_BUILD := .build/debug
+dev:
+	cmake -S . -B $(DEV_BUILD) $(if $(shell command -v ninja),-G Ninja) -DCMAKE_BUILD_TYPE=Debug -DVORN_TESTS=OFF
+	cmake --build $(DEV_BUILD) --target vorn -j $(JOBS)
+	touch $(DEV_BUILD)/vorn
+
 test: deps configure tests/node_modules/.installed
 	cmake --build $(BUILD) -j $(JOBS)
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
@@ -32,13 +41,17 @@ tests/node_modules/.installed: tests/package.json tests/package-lock.json
 demo: deps build tests/node_modules/.installed
 	@scripts/demo.sh $(BUILD)/vorn
 
-bench: deps
+# Every benchmark beside its yardstick; rewrites the Benchmarks section of bench/RESULTS.md.
+bench: deps bench-build tests/node_modules/.installed
+	@bench/bench.sh $(BUILD)-bench
+
+# Only the whole-command timings, printed.
+bench-cli: deps bench-build tests/node_modules/.installed
+	@bench/bench.sh $(BUILD)-bench --cli-only
+
+bench-build: deps
 	cmake -S . -B $(BUILD)-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DVORN_TESTS=OFF -DVORN_BENCH=ON
 	cmake --build $(BUILD)-bench -j $(JOBS)
-	@for b in $(BUILD)-bench/*_bench; do echo "== $$b"; $$b; done
-
-bench-cli: deps build tests/node_modules/.installed
-	@bench/cli_bench.sh $(BUILD)/vorn
 
 # libFuzzer targets (clang, AddressSanitizer, UndefinedBehaviorSanitizer) in a tree of their
 # own; `make fuzz` runs each for FUZZ_SECONDS, or FUZZ_RUNS executions when that is set.
@@ -62,9 +75,14 @@ fuzz-test:
 fuzz: fuzz-build
 	@for t in $(FUZZ_TARGETS); do FUZZ_SECONDS=$(FUZZ_SECONDS) FUZZ_RUNS=$(FUZZ_RUNS) scripts/fuzz.sh $(FUZZ_BUILD) $$t || exit 1; done
 
+# The binary, the completion scripts and the manual page, by the build's install rules (the
+# same as cmake --install); DESTDIR is honoured. The list of what went where is kept in
+# $(BUILD)/install_manifest.txt, and make uninstall (with the same DESTDIR) removes exactly that.
 install: build
-	install -d $(DESTDIR)$(PREFIX)/bin
-	install -m 0755 $(BUILD)/vorn $(DESTDIR)$(PREFIX)/bin/vorn
+	DESTDIR=$(DESTDIR) cmake --install $(BUILD) --prefix $(PREFIX)
+
+uninstall:
+	@DESTDIR=$(DESTDIR) scripts/uninstall.sh $(BUILD)/install_manifest.txt
 
 format:
 	clang-format -i $$(git ls-files 'cli/*.cpp' 'cli/*.h' 'bench/*.cpp')

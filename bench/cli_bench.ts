@@ -1,91 +1,213 @@
-// Whole-process benchmarks of the built CLI against simulated instances.
-//   bun bench/cli_bench.ts <path to vorn> [--runs N]
-// Prints the median wall time (and peak memory where it matters) of each scenario.
-import { mkdtempSync, rmSync, writeFileSync } from "node:fs";
+// Whole-command timings of the built CLI against simulated instances, each beside a yardstick
+// timed in the same run (the two run in turn, so a drift in the machine's speed touches both).
+//
+//   bun bench/cli_bench.ts --bin DIR [--runs-scale X] [--out FILE]
+//
+// DIR is a bench build holding vorn, bench_timer (the whole-process timer) and bench_hello (the
+// start-up yardstick). Prints a table; with --out also writes the figures as JSON for
+// bench/results.ts.
+import { mkdirSync, mkdtempSync, rmSync, writeFileSync } from "node:fs";
 import { tmpdir } from "node:os";
-import { join } from "node:path";
+import { basename, join, resolve } from "node:path";
 import { startSim, type Sim } from "../tests/sim/launch";
 
-const vorn = process.argv[2];
-if (!vorn) {
-  console.error("usage: bun bench/cli_bench.ts <vorn> [--runs N]");
+function flag(name: string): string | undefined {
+  const i = process.argv.indexOf(name);
+  return i > 0 ? process.argv[i + 1] : undefined;
+}
+
+const binFlag = flag("--bin");
+const bin = binFlag && resolve(binFlag);
+if (!bin) {
+  console.error("usage: bun bench/cli_bench.ts --bin DIR [--runs-scale X] [--out FILE]");
   process.exit(2);
 }
-const runsFlag = process.argv.indexOf("--runs");
-const runs = runsFlag > 0 ? Number(process.argv[runsFlag + 1]) : 30;
+const vorn = join(bin, "vorn");
+const timer = join(bin, "bench_timer");
+const hello = join(bin, "bench_hello");
+const scale = Number(flag("--runs-scale") ?? "1");
+const out = flag("--out");
 
 interface Sample {
   ms: number;
-  maxRssKiB: number;
+  cpuMs: number;
+  rssKiB: number;
+  status: number;
 }
 
-const timeTool = "/usr/bin/time"; // GNU time: the child's own peak resident set
-const haveTime = Bun.spawnSync([timeTool, "-f", "%M", "true"], { stderr: "pipe" }).exitCode === 0;
-
-function once(cmd: string[], env: Record<string, string>, cwd?: string): Sample {
-  const start = performance.now();
-  const r = Bun.spawnSync(cmd, { env, cwd, stdout: "pipe", stderr: "pipe" });
-  const ms = performance.now() - start;
-  if (r.exitCode !== 0 && r.exitCode !== 1) {
-    throw new Error(`${cmd.join(" ")} exited ${r.exitCode}: ${r.stderr.toString().slice(0, 300)}`);
-  }
-  return { ms, maxRssKiB: 0 };
+export interface Stats {
+  median: number;
+  min: number;
+  max: number;
 }
 
-// Peak memory is measured in a separate run so that the wrapper costs no time above.
-function peakRss(cmd: string[], env: Record<string, string>, cwd?: string): number {
-  if (!haveTime) return 0;
-  const out = join(tmpdir(), `vorn-bench-rss-${process.pid}`);
-  Bun.spawnSync([timeTool, "-f", "%M", "-o", out, ...cmd], { env, cwd, stdout: "pipe", stderr: "pipe" });
-  const kib = Number(require("node:fs").readFileSync(out, "utf8").trim().split("\n").pop());
-  rmSync(out, { force: true });
-  return kib;
+export interface Side {
+  command: string;
+  ms: Stats;
+  cpuMs: Stats;
+  rssKiB: Stats;
 }
 
-function median(xs: number[]) {
+export interface Figure {
+  key: string;
+  title: string;
+  runs: number;
+  vorn: Side;
+  yardstick: Side;
+  // The median of vorn / yardstick taken run by run: the two ran in turn, so each pair saw the
+  // same state of the machine.
+  pairRatio: number;
+  replyBytes?: number; // for big replies: the size of the reply body
+  sameOutput?: boolean; // whether vorn and the yardstick printed the same text
+}
+
+function median(xs: number[]): number {
   const s = [...xs].sort((a, b) => a - b);
   return s.length % 2 ? s[(s.length - 1) / 2] : (s[s.length / 2 - 1] + s[s.length / 2]) / 2;
 }
 
-function measure(label: string, cmd: string[], env: Record<string, string>, n = runs, cwd?: string) {
-  once(cmd, env, cwd); // warm the page cache
-  const samples = Array.from({ length: n }, () => once(cmd, env, cwd));
-  const ms = median(samples.map((s) => s.ms));
-  const rss = peakRss(cmd, env, cwd);
-  console.log(`${label.padEnd(58)} median ${ms.toFixed(2).padStart(8)} ms   peak RSS ${(rss / 1024).toFixed(1)} MiB`);
-  return { ms, rss };
+function stats(xs: number[]): Stats {
+  return { median: median(xs), min: Math.min(...xs), max: Math.max(...xs) };
 }
 
-async function withFleet<T>(count: number, scenario: (i: number) => object, body: (env: Record<string, string>, sims: Sim[]) => T | Promise<T>) {
-  const runtime = mkdtempSync(join(tmpdir(), "vorn-bench-"));
-  const sims = await Promise.all(
-    Array.from({ length: count }, (_, i) => startSim({ runtime, id: `bench-${i + 1}`, record: false, ...scenario(i) })),
+// The command as the results show it: without this run's temporary folders.
+function shown(cmd: string[]): string {
+  return cmd
+    .map((w) => {
+      if (w === vorn) return "vorn";
+      if (w === hello) return "bench_hello";
+      if (!w.startsWith(tmpdir())) return w;
+      return w.endsWith("/vorn") ? "$XDG_RUNTIME_DIR/vorn" : basename(w);
+    })
+    .join(" ");
+}
+
+// Runs the command once with its output kept, so that a broken set-up fails loudly instead of
+// timing an error message.
+function check(cmd: string[], env: Record<string, string>, cwd: string): string {
+  const r = Bun.spawnSync(cmd, { env, cwd, stdout: "pipe", stderr: "pipe" });
+  if (r.exitCode !== 0) {
+    throw new Error(`${shown(cmd)} exited ${r.exitCode}: ${r.stderr.toString().slice(0, 400)}`);
+  }
+  return r.stdout.toString();
+}
+
+function side(cmd: string[], samples: Sample[]): Side {
+  const bad = samples.find((s) => s.status !== 0);
+  if (bad) throw new Error(`${shown(cmd)} exited ${bad.status} while timed`);
+  return {
+    command: shown(cmd),
+    ms: stats(samples.map((s) => s.ms)),
+    cpuMs: stats(samples.map((s) => s.cpuMs)),
+    rssKiB: stats(samples.map((s) => s.rssKiB)),
+  };
+}
+
+function measure(
+  key: string,
+  title: string,
+  cmd: string[],
+  yard: string[],
+  env: Record<string, string>,
+  cwd: string,
+  runs: number,
+  compare = false,
+  warmup = 2,
+): Figure {
+  const a = check(cmd, env, cwd);
+  const b = check(yard, env, cwd);
+  const n = Math.max(3, Math.round(runs * scale));
+  const r = Bun.spawnSync([timer, "--runs", String(n), "--warmup", String(warmup), "--", ...cmd, "--vs", ...yard], {
+    env,
+    cwd,
+    stdout: "pipe",
+    stderr: "pipe",
+  });
+  if (r.exitCode !== 0) throw new Error(`bench_timer failed: ${r.stderr.toString()}`);
+  const samples = JSON.parse(r.stdout.toString()) as { a: Sample[]; b: Sample[] };
+  const figure: Figure = {
+    key,
+    title,
+    runs: n,
+    vorn: side(cmd, samples.a),
+    yardstick: side(yard, samples.b),
+    pairRatio: median(samples.a.map((s, i) => s.ms / samples.b[i].ms)),
+  };
+  if (compare) figure.sameOutput = a === b;
+  const v = figure.vorn.ms.median;
+  const y = figure.yardstick.ms.median;
+  console.log(
+    `${title.padEnd(46)} ${v.toFixed(2).padStart(8)} ms (cpu ${figure.vorn.cpuMs.median.toFixed(2).padStart(6)})  ${(figure.vorn.rssKiB.median / 1024).toFixed(1).padStart(6)} MiB` +
+      `   | ${figure.yardstick.command.slice(0, 28).padEnd(28)} ${y.toFixed(2).padStart(8)} ms  ${(figure.yardstick.rssKiB.median / 1024).toFixed(1).padStart(6)} MiB`,
   );
-  const env = { PATH: "/usr/bin:/bin", HOME: runtime, XDG_RUNTIME_DIR: runtime };
+  return figure;
+}
+
+// A private runtime directory with `count` simulated instances, torn down afterwards.
+async function withFleet<T>(
+  count: number,
+  scenario: (i: number) => object,
+  body: (env: Record<string, string>, runtime: string, sims: Sim[]) => T | Promise<T>,
+): Promise<T> {
+  const runtime = mkdtempSync(join(tmpdir(), "vorn-bench-"));
+  const sims: Sim[] = [];
   try {
-    return await body(env, sims);
+    // Started a few at a time: 32 Bun processes at once would only slow each other down.
+    for (let i = 0; i < count; i += 8) {
+      const batch = Array.from({ length: Math.min(8, count - i) }, (_, k) =>
+        startSim({ runtime, id: `bench-${i + k + 1}`, record: false, ...scenario(i + k) }),
+      );
+      sims.push(...(await Promise.all(batch)));
+    }
+    return await body({ PATH: "/usr/bin:/bin", HOME: runtime, XDG_RUNTIME_DIR: runtime }, runtime, sims);
   } finally {
     await Promise.all(sims.map((s) => s.stop()));
     rmSync(runtime, { recursive: true, force: true });
   }
 }
 
-console.log(`vorn: ${vorn}; ${runs} runs each\n`);
-measure("vorn help", [vorn, "help"], { PATH: "/usr/bin:/bin" });
-
-for (const count of [1, 8, 32]) {
-  await withFleet(count, () => ({}), (env) => measure(`instance list -q, ${count} instance(s)`, [vorn, "instance", "list", "-q"], env));
+// `count` instances that answer at once (bench/quick_instances.ts), torn down afterwards.
+async function withQuickFleet<T>(count: number, body: (env: Record<string, string>, runtime: string) => T): Promise<T> {
+  const runtime = mkdtempSync(join(tmpdir(), "vorn-bench-"));
+  const proc = Bun.spawn([process.execPath, join(import.meta.dir, "quick_instances.ts"), runtime, String(count)], {
+    stdin: "pipe",
+    stdout: "pipe",
+    stderr: "inherit",
+  });
+  try {
+    const reader = (proc.stdout as ReadableStream<Uint8Array>).getReader();
+    const first = await reader.read();
+    if (!new TextDecoder().decode(first.value ?? new Uint8Array()).startsWith("ready")) {
+      throw new Error("bench/quick_instances.ts did not start");
+    }
+    return body({ PATH: "/usr/bin:/bin", HOME: runtime, XDG_RUNTIME_DIR: runtime }, runtime);
+  } finally {
+    proc.stdin.end();
+    await proc.exited;
+    rmSync(runtime, { recursive: true, force: true });
+  }
 }
 
-const slow = () => ({ routes: [{ path: "/health", delayMs: 50 }] });
-await withFleet(8, slow, (env) => {
-  measure("instance health -a -o json, 8 x 50 ms (sequential read)", [vorn, "instance", "health", "-a", "-o", "json"], env, 10);
-  measure("version -a, 8 x 50 ms (parallel fan-out)", [vorn, "version", "-a"], env, 10);
-});
+// A workspace tree reply of at least `bytes` bytes: directories of 200 files each.
+function treeReply(bytes: number): string {
+  const parts: string[] = [];
+  let size = 2;
+  for (let d = 0; size < bytes; d++) {
+    const children = Array.from({ length: 200 }, (_, c) => ({
+      name: `file_${c}.go`,
+      path: `/Users/dev/src/project/pkg/dir_${d}/file_${c}.go`,
+      type: "file",
+      size: c * 131 + d,
+    }));
+    const dir = JSON.stringify({ name: `dir_${d}`, path: `/Users/dev/src/project/pkg/dir_${d}`, type: "directory", children });
+    size += dir.length + 1;
+    parts.push(dir);
+  }
+  return "[" + parts.join(",") + "]";
+}
 
-// Large replies, printed by vorn (socket round trip included) and by jq from a file.
-const work = mkdtempSync(join(tmpdir(), "vorn-bench-data-"));
-try {
+// A search reply of 10,000 matches in 1,000 files.
+function searchReply(): string {
   const files = Array.from({ length: 1000 }, (_, f) => ({
     path: `pkg/module${f % 37}/file_${f}.go`,
     matches: Array.from({ length: 10 }, (_, m) => ({
@@ -94,46 +216,89 @@ try {
       preview: `\tresult := compute${m}(ctx, "needle \\"quoted\\" value", ${f * m})`,
     })),
   }));
-  const search = JSON.stringify({ files, matchCount: 10000, fileCount: 1000, engine: "ripgrep", limitHit: false });
-  const searchFile = join(work, "search.json");
-  writeFileSync(searchFile, search);
+  return JSON.stringify({ files, matchCount: 10000, fileCount: 1000, engine: "ripgrep", limitHit: false });
+}
 
-  const tree: unknown[] = [];
-  let size = 2;
-  for (let d = 0; size < 20 * 1024 * 1024; d++) {
-    const children = Array.from({ length: 200 }, (_, c) => ({
-      name: `file_${c}.go`,
-      path: `/Users/dev/src/project/pkg/dir_${d}/file_${c}.go`,
-      type: "file",
-      size: c * 131 + d,
-    }));
-    const dir = { name: `dir_${d}`, path: `/Users/dev/src/project/pkg/dir_${d}`, type: "directory", children };
-    size += JSON.stringify(dir).length + 1;
-    tree.push(dir);
+const figures: Figure[] = [];
+const work = mkdtempSync(join(tmpdir(), "vorn-bench-data-"));
+try {
+  console.log(`vorn: ${vorn}\n${"".padEnd(46)} vorn median, own cpu             peak   | yardstick median\n`);
+
+  // Start-up: nothing to find, so the figure is the cost of being started at all.
+  const empty = join(work, "empty-runtime");
+  mkdirSync(empty);
+  const quiet = { PATH: "/usr/bin:/bin", HOME: empty, XDG_RUNTIME_DIR: empty };
+  figures.push(measure("startup", "vorn version, no instance", [vorn, "version"], [hello], quiet, work, 100));
+  figures.push(measure("help", "vorn help", [vorn, "help"], [hello], quiet, work, 100));
+
+  for (const count of [1, 8, 32]) {
+    await withFleet(
+      count,
+      () => ({}),
+      (env, runtime) => {
+        figures.push(
+          measure(`discovery-${count}`, `instance list -q, ${count} instance(s)`, [vorn, "instance", "list", "-q"], ["ls", join(runtime, "vorn")], env, work, 30),
+        );
+      },
+    );
   }
-  const treeText = JSON.stringify(tree);
-  const treeFile = join(work, "tree.json");
-  writeFileSync(treeFile, treeText);
-  console.log(`\nsearch reply ${(search.length / 1e6).toFixed(2)} MB (10,000 matches); tree reply ${(treeText.length / 1e6).toFixed(2)} MB`);
 
+  // The same scan against instances that answer at once: the part of the above that is vorn's.
+  await withQuickFleet(32, (env, runtime) => {
+    figures.push(
+      measure("discovery-quick", "instance list -q, 32 quick instances", [vorn, "instance", "list", "-q"], ["ls", join(runtime, "vorn")], env, work, 30),
+    );
+  });
+
+  await withFleet(
+    8,
+    () => ({ routes: [{ path: "/health", delayMs: 50 }] }),
+    (env) => {
+      figures.push(measure("fanout", "version -a, 8 instances x 50 ms", [vorn, "version", "-a"], ["sleep", "0.05"], env, work, 15));
+    },
+  );
+
+  const treeFile = join(work, "tree.json");
+  const tree = treeReply(46_000_000);
+  writeFileSync(treeFile, tree);
+  const searchFile = join(work, "search.json");
+  const search = searchReply();
+  writeFileSync(searchFile, search);
+  console.log(`\ntree reply ${(tree.length / 1e6).toFixed(2)} MB; search reply ${(search.length / 1e6).toFixed(2)} MB (10,000 matches)`);
   await withFleet(
     1,
     () => ({
       workspace: work,
       routes: [
-        { method: "GET", path: "/search", bodyBase64: Buffer.from(search).toString("base64") },
-        { method: "POST", path: "/api/listTree", bodyBase64: Buffer.from(treeText).toString("base64") },
+        { method: "POST", path: "/api/listTree", bodyFile: treeFile },
+        { method: "GET", path: "/search", bodyFile: searchFile },
       ],
     }),
     (env) => {
-      const s = measure("search run (10,000 matches, text)", [vorn, "search", "run", "needle"], env, 15);
-      const sj = measure("jq . on the same search reply", ["jq", ".", searchFile], env, 15);
-      const t = measure("workspace tree (20 MB reply)", [vorn, "workspace", "tree"], env, 10);
-      const tj = measure("jq . on the same tree reply", ["jq", ".", treeFile], env, 10);
-      console.log(`\nsearch: jq / vorn = ${(sj.ms / s.ms).toFixed(1)}x`);
-      console.log(`tree:   jq / vorn = ${(tj.ms / t.ms).toFixed(1)}x; vorn peak RSS / reply size = ${((t.rss * 1024) / treeText.length).toFixed(2)}`);
+      const jq = ["jq", ".", treeFile];
+      const t = measure("tree", "workspace tree, 46 MB reply", [vorn, "workspace", "tree"], jq, env, work, 5, true, 1);
+      t.replyBytes = tree.length;
+      figures.push(t);
+      const j = measure("tree-json", "workspace tree -o json, 46 MB reply", [vorn, "-o", "json", "workspace", "tree"], jq, env, work, 3, false, 1);
+      j.replyBytes = tree.length;
+      figures.push(j);
+      const s = measure("search", "search run, 10,000 matches", [vorn, "search", "run", "needle"], ["jq", ".", searchFile], env, work, 15);
+      s.replyBytes = search.length;
+      figures.push(s);
+    },
+  );
+  // The same reply without a length: in chunks, as a streaming server sends it.
+  await withFleet(
+    1,
+    () => ({ routes: [{ method: "POST", path: "/api/listTree", bodyFile: treeFile, chunks: [65536] }] }),
+    (env) => {
+      const c = measure("tree-chunked", "workspace tree, 46 MB reply in 64 KiB chunks", [vorn, "workspace", "tree"], ["jq", ".", treeFile], env, work, 3, false, 1);
+      c.replyBytes = tree.length;
+      figures.push(c);
     },
   );
 } finally {
   rmSync(work, { recursive: true, force: true });
 }
+
+if (out) writeFileSync(out, JSON.stringify(figures, null, 2));

@@ -1,8 +1,13 @@
 #include "commands.h"
 
 #include "core/command_table.h"
+#include "doctor/doctor.h"
 #include "hosts/delegate.h"
+#include "hosts/remote.h"
+#include "hosts/server.h"
 #include "instances/instances.h"
+#include "shell/completion.h"
+#include "shell/shim.h"
 #include "verbs/verbs.h"
 
 namespace vorn {
@@ -23,6 +28,13 @@ std::map<std::string, Handler> adapt(const VerbTable& verbs) {
   return out;
 }
 
+// The shim's verbs and the completion verb share the noun.
+std::map<std::string, Handler> shellCommandVerbs() {
+  std::map<std::string, Handler> verbs = shimVerbs();
+  verbs["completion"] = printCompletion;
+  return verbs;
+}
+
 Commands buildCommands() {
   Commands commands;
   commands.handlers = {
@@ -35,10 +47,11 @@ Commands buildCommands() {
       {"search", adapt(searchVerbs())},
       {"test", adapt(testVerbs())},
       {"language", adapt(languageVerbs())},
-      {"shell-command", {}},
-      {"doctor", {}},
+      {"shell-command", shellCommandVerbs()},
+      {"doctor", doctorVerbs()},
   };
-  commands.outcomeHandlers = {{"server", {}}, {"remote", {}}};
+  commands.outcomeHandlers = {{"server", {{"start", serverStart}}},
+                              {"remote", {{"ssh", remoteSsh}}}};
   commands.version = [](const Flags& flags, Context& ctx) {
     Instances instances{ctx};
     printVersion(flags, instances);

@@ -1,26 +1,79 @@
 #!/usr/bin/env bash
-# A short tour of vorn against two simulated editor instances in a private runtime directory.
+# A short tour of vorn. It lays out a small editor checkout whose headless host is the
+# simulated instance (tests/sim/headless.ts), starts two hosts the way a user would
+# (`vorn server start --detach <dir>`), tours the verbs and ends the hosts with
+# `vorn instance quit`. Everything lives in a private temporary folder, removed at the end.
 set -uo pipefail
 
 vorn=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
 repo=$(cd "$(dirname "$0")/.." && pwd)
-bun="$repo/tests/node_modules/.bin/bun"
 
-runtime=$(mktemp -d "${TMPDIR:-/tmp}/vorn-demo.XXXXXX")
-scratch="$runtime/scratch"
-mkdir -p "$scratch"
-printf 'package scratch\n\n// TODO: say hello\nfunc Hello() string { return "hello" }\n' >"$scratch/hello.go"
+demo=$(mktemp -d "${TMPDIR:-/tmp}/vorn-demo.XXXXXX")
+runtime="$demo/run"
+checkout="$demo/vorn"
+projects="$demo/projects"
+hosts=() # pids of the hosts started
+
+# The demo's hosts still running: every process that runs this checkout's host script (a host
+# interrupted while starting is found too); without `ps`, the hosts started whose instance
+# folder is still in the private runtime dir.
+running_hosts() {
+  if command -v ps >/dev/null 2>&1; then
+    ps -A -o pid= -o args= | awk -v script="$checkout/src/bun/headless.ts" 'index($0, script) { print $1 }'
+    return
+  fi
+  for pid in "${hosts[@]}"; do
+    [ -d "$runtime/vorn/$pid" ] && kill -0 "$pid" 2>/dev/null && echo "$pid"
+  done
+}
 
 stop() {
-  "$bun" "$repo/tests/sim/fleet.ts" stop --runtime "$runtime" >/dev/null 2>&1
-  rm -rf "$runtime"
+  trap '' INT TERM # a second Ctrl-C must not cut the clean-up short
+  local pids
+  pids=$(running_hosts)
+  if [ -n "$pids" ]; then
+    kill -TERM $pids 2>/dev/null
+    for _ in $(seq 50); do
+      pids=$(running_hosts)
+      [ -z "$pids" ] && break
+      sleep 0.1
+    done
+    [ -n "$pids" ] && kill -KILL $pids 2>/dev/null
+  fi
+  rm -rf "$demo"
 }
 trap stop EXIT
+trap 'exit 130' INT TERM
 
-"$bun" "$repo/tests/sim/fleet.ts" start --runtime "$runtime" --count 2 --id-prefix demo- \
-  --workspace "$repo" --workspace "$scratch" >/dev/null 2>&1 || exit 1
+# The checkout: the three files that mark one, and a headless host that is the simulator.
+mkdir -p "$checkout/tools" "$checkout/src/cli" "$checkout/src/bun" "$demo/bin" "$runtime"
+: >"$checkout/MODULE.bazel"
+: >"$checkout/tools/go.pin"
+: >"$checkout/src/cli/vorn.ts"
+printf 'import "%s";\n' "$repo/tests/sim/headless.ts" >"$checkout/src/bun/headless.ts"
+# Its language toolchain rows for the doctor, as a real checkout's script would report them.
+cat >"$checkout/src/cli/doctor-packs.ts" <<'PACKS'
+console.log(JSON.stringify([
+  { name: "go", status: "ok", detail: "go1.22.5 linux/amd64 (simulated)" },
+  { name: "gopls", status: "warn", detail: "not on PATH (simulated) - install it with go install golang.org/x/tools/gopls@latest" },
+]));
+PACKS
 
+# Two folders to open.
+mkdir -p "$projects/hello" "$projects/scratch"
+printf 'module example.com/hello\n\ngo 1.22\n' >"$projects/hello/go.mod"
+printf 'package hello\n\n// TODO: say hello to more people\nfunc Hello() string { return "hello" }\n' >"$projects/hello/hello.go"
+printf 'package scratch\n\n// TODO: try things out here\n' >"$projects/scratch/scratch.go"
+
+# The repository's Bun is the `bun` the checkout asks for.
+ln -s "$repo/tests/node_modules/.bin/bun" "$demo/bin/bun"
+export PATH="$demo/bin:$PATH"
 export XDG_RUNTIME_DIR="$runtime"
+export HOME="$demo/home" # the doctor reads the home folder; the demo keeps to its own
+mkdir -p "$HOME"
+unset VORN_REPO_ROOT VORN_APP VORN_EDITION VORN_PID
+cd "$projects" || exit 1
+
 bold='' dim='' plain=''
 if [ -t 1 ]; then bold=$'\033[1m' dim=$'\033[2m' plain=$'\033[0m'; fi
 step() {
@@ -28,16 +81,49 @@ step() {
   "$vorn" "$@"
   printf '%s(exit %d)%s\n' "$dim" "$?" "$plain"
 }
+# Starts a detached host on a folder from the checkout, as its developer would, and remembers
+# its pid (also when it fails to come up).
+start() {
+  printf '\n%s%s$ vorn server start --detach %s%s\n' "$bold" "${checkout/#$demo/...}" "$1" "$plain"
+  local out status
+  out=$(cd "$checkout" && "$vorn" server start --detach "$1" 2>&1)
+  status=$?
+  printf '%s\n%s(exit %d)%s\n' "$out" "$dim" "$status" "$plain"
+  local pid
+  pid=$(printf '%s\n' "$out" | sed -n 's/^vorn server \([0-9]*\) (headless).*/\1/p; s/.*the host (pid \([0-9]*\)).*/\1/p' | head -n 1)
+  [ -n "$pid" ] && hosts+=("$pid")
+  [ "$status" = 0 ] || exit 1
+  started="sim-$pid"
+}
 
-echo "Two simulated editor instances run in $runtime/vorn: one has this repository open."
+echo "A small checkout in $checkout has the simulated editor instance as its headless host."
+echo "Start two hosts from it, one per folder (both log to the same file when started in the same second):"
+start "$projects/hello"
+hello=$started
+start "$projects/scratch"
+scratch=$started
+echo
+echo "Now work from $projects:"
+
 step instance list
-step instance inspect demo-2
+echo
+echo "Completion is generated from the same table as the help (eval it in ~/.bashrc):"
+printf '\n%s$ vorn shell-command completion bash | head -n 3%s\n' "$bold" "$plain"
+"$vorn" shell-command completion bash | head -n 3
+echo
+echo "The doctor needs no instance; from the checkout it also runs its toolchain script:"
+(cd "$checkout" && step doctor check)
+step instance inspect "$scratch"
 step version
 step instance health -o json
-step file open "$scratch/hello.go:3:4"
-step search run TODO -i demo-2
+step file open "$projects/hello/hello.go:3:4"
+step search run TODO -i "$hello"
 echo
 echo "A mutating verb with several instances and no selector refuses to guess:"
 step instance focus
 step -o json instance focus
-step instance focus -i demo-1
+step instance focus -i "$scratch"
+echo
+echo "Done: end both hosts."
+step instance quit -a
+step instance list

@@ -10,6 +10,13 @@ need ninja ninja-build
 need g++ g++
 need npm npm
 need jq jq
+need make make
+# The completion and installation tests drive the real shells and render the manual page.
+need zsh zsh
+need fish fish
+need groff groff-base
+need man man-db
+[ -f /usr/share/bash-completion/bash_completion ] || missing+=(bash-completion)
 [ -f /usr/include/gtest/gtest.h ] || missing+=(libgtest-dev)
 [ -f /usr/include/benchmark/benchmark.h ] || missing+=(libbenchmark-dev)
 # The fuzz targets: clang with its libFuzzer and sanitizer runtimes.

@@ -149,4 +149,10 @@ Flags parseFlags(const std::vector<std::string>& words,
   return flags;
 }
 
+void rejectExtraArguments(const Flags& flags, size_t allowed, const std::string& label) {
+  if (flags.args.size() > allowed) {
+    throw usageError("vorn " + label + ": unexpected argument '" + flags.args[allowed] + "'");
+  }
+}
+
 }  // namespace vorn

@@ -42,6 +42,9 @@ bool wantsJSON(const std::vector<std::string>& args,
 // Throws CliError (code 2).
 Flags parseFlags(const std::vector<std::string>& words, const std::vector<OptionSpec>& verbOptions);
 struct CliError;
+// Throws "vorn <label>: unexpected argument '<word>'" (code 2) when more than `allowed`
+// positional words were given: a verb with a fixed number of them takes a stray one as a typo.
+void rejectExtraArguments(const Flags& flags, size_t allowed, const std::string& label);
 CliError outputError(std::string_view value, const std::vector<OptionSpec>& verbOptions);
 
 }  // namespace vorn

@@ -217,5 +217,17 @@ TEST(ParseFlags, OddWordsNeverCrash) {
   }
 }
 
+TEST(RejectExtraArguments, OnlyPastTheAllowedCount) {
+  Flags flags;
+  flags.args = {"a", "b"};
+  EXPECT_NO_THROW(rejectExtraArguments(flags, 2, "x y"));
+  try {
+    rejectExtraArguments(flags, 1, "doctor check");
+    ADD_FAILURE() << "no error";
+  } catch (const CliError& error) {
+    EXPECT_EQ(error, usageError("vorn doctor check: unexpected argument 'b'"));
+  }
+}
+
 }  // namespace
 }  // namespace vorn

@@ -117,16 +117,27 @@ std::string topHelp() {
   }
   lines.push_back("");
   append(lines, globalHelp({}));
-  append(lines, {
-                    "",
-                    "Environment:",
-                    "  VORN_REPO_ROOT   checkout used by the PATH shim",
-                    "  VORN_APP         path to Vorn*.app for launch",
-                    "  VORN_EDITION     go | markdown: which checkout dev build to launch "
-                    "(default go)",
-                    "  XDG_RUNTIME_DIR  socket root (default: tmpdir)/vorn/<pid>/fs.sock",
-                });
+  lines.push_back("");
+  lines.push_back("Environment:");
+  size_t width = 0;
+  for (const auto& [name, summary] : environmentHelp())
+    width = std::max(width, charCount(name));
+  for (const auto& [name, summary] : environmentHelp()) {
+    std::string line = "  ";
+    appendPadded(line, name, width);
+    lines.push_back(line + "  " + summary);
+  }
   return joinLines(lines);
+}
+
+const std::vector<std::pair<std::string, std::string>>& environmentHelp() {
+  static const std::vector<std::pair<std::string, std::string>> variables = {
+      {"VORN_REPO_ROOT", "checkout used by the PATH shim"},
+      {"VORN_APP", "path to Vorn*.app for launch"},
+      {"VORN_EDITION", "go | markdown: which checkout dev build to launch (default go)"},
+      {"XDG_RUNTIME_DIR", "socket root (default: tmpdir)/vorn/<pid>/fs.sock"},
+  };
+  return variables;
 }
 
 std::vector<std::string> verbHelp(const VerbSpec& verb) {

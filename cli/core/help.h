@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "core/command_table.h"
@@ -14,6 +15,8 @@ bool isHelp(const std::optional<std::string_view>& word);
 std::vector<std::string> optionLines(const std::vector<OptionSpec>& options);
 std::vector<std::string> globalHelp(const std::vector<OptionSpec>& verbOptions);
 std::string topHelp();
+// The variables of the top help's Environment block: name and what it does.
+const std::vector<std::pair<std::string, std::string>>& environmentHelp();
 std::string nounHelp(const NounSpec& noun);
 std::vector<std::string> verbHelp(const VerbSpec& verb);
 // The verb's lines, an empty line and the global block, as `vorn <noun> <verb> --help` prints.

@@ -38,4 +38,11 @@ std::optional<int64_t> parseSignedInteger(std::string_view text) {
   return -value;
 }
 
+std::string_view trimBlanks(std::string_view text) {
+  constexpr std::string_view blanks = " \t\r\n\f\v";
+  size_t begin = text.find_first_not_of(blanks);
+  if (begin == std::string_view::npos) return {};
+  return text.substr(begin, text.find_last_not_of(blanks) - begin + 1);
+}
+
 }  // namespace vorn

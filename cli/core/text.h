@@ -15,5 +15,7 @@ void appendPadded(std::string& out, std::string_view text, size_t width);
 // A base-10 signed 64-bit integer: an optional single "+" or "-", then one or more ASCII
 // digits and nothing else. Nothing on any other text or on overflow.
 std::optional<int64_t> parseSignedInteger(std::string_view text);
+// text without the blanks (spaces, tabs, line ends) around it.
+std::string_view trimBlanks(std::string_view text);
 
 }  // namespace vorn

@@ -60,5 +60,12 @@ TEST(ParseSignedInteger, Rejects) {
   EXPECT_EQ(parseSignedInteger(std::string_view("1\0", 2)), std::nullopt);
 }
 
+TEST(TrimBlanks, BlanksAroundGoInsideStay) {
+  EXPECT_EQ(trimBlanks("  /a b/c \t\r\n"), "/a b/c");
+  EXPECT_EQ(trimBlanks("x"), "x");
+  EXPECT_EQ(trimBlanks(" \n\t "), "");
+  EXPECT_EQ(trimBlanks(""), "");
+}
+
 }  // namespace
 }  // namespace vorn

@@ -1,5 +1,8 @@
 #include "hosts/bun_script.h"
 
+#include <unistd.h>
+
+#include "core/cli_error.h"
 #include "paths/checkout.h"
 #include "paths/paths.h"
 
@@ -47,6 +50,22 @@ std::optional<HeadlessHost> bunScript(const Context& ctx, std::string_view bundl
     if (auto host = bundledScript(Paths::join({app, "Contents"}), bundled)) return host;
   }
   return std::nullopt;
+}
+
+HeadlessHost enterBunScript(const Context& ctx, std::string_view bundled, std::string_view source,
+                            const std::string& command, const std::string& missing) {
+  std::optional<HeadlessHost> host = bunScript(ctx, bundled, source, false);
+  if (!host) {
+    throw CliError{command + ": no " + missing +
+                   " \u2014 run the vorn inside Vorn.app, from a Vorn checkout, or set VORN_APP"};
+  }
+  if (::chdir(host->cwd.c_str()) != 0) throw CliError{command + ": cannot enter " + host->cwd};
+  return *host;
+}
+
+std::vector<std::string> hostUnsetVariables(const HeadlessHost& host) {
+  if (host.bundled) return {"VORN_REPO_ROOT"};
+  return {};
 }
 
 std::vector<std::string> hostArgv(const HeadlessHost& host,

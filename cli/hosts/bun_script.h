@@ -43,6 +43,16 @@ std::optional<HeadlessHost> bundledScript(const std::string& contents, std::stri
 std::optional<HeadlessHost> bunScript(const Context& ctx, std::string_view bundled,
                                       std::string_view source, bool checkoutFirst);
 
+// The script a host command runs (bunScript, the CLI's own app bundle first), with this
+// process moved into its folder. Throws CliError (code 1): "<command>: no <missing> — run the
+// vorn inside Vorn.app, ..." when there is none, "<command>: cannot enter <folder>".
+HeadlessHost enterBunScript(const Context& ctx, std::string_view bundled, std::string_view source,
+                            const std::string& command, const std::string& missing);
+
+// The variables a host must not inherit: VORN_REPO_ROOT for an app-bundled one, so that it
+// never attaches itself to a checkout.
+std::vector<std::string> hostUnsetVariables(const HeadlessHost& host);
+
 // bun [--conditions=vorn-edition-<VORN_EDITION>] <entry> [dir]; the edition condition only
 // for a script run from source.
 std::vector<std::string> hostArgv(const HeadlessHost& host,

@@ -53,10 +53,17 @@ std::string printed(const JSON& value) {
   return value.serialized(2) + "\n";
 }
 
-// A reply body as printed() would show it, written straight from the received text: a large
-// reply (a whole file tree) is never held as a value as well.
-std::string printedBody(const RawReply& reply) {
-  return Transport::bodyText(reply, 2) + "\n";
+// One row of readEach's results at its place in the printed {"results": [...]}, the body written
+// straight from the received text: a large reply (a whole file tree) is never held as a value.
+void writeReadRow(BlockWriter& out, const std::string& id, const RawReply& reply) {
+  std::string& text = out.text();
+  text += "{\n      \"id\": ";
+  JSON::appendQuoted(text, id);
+  text += reply.status >= 200 && reply.status <= 299 ? ",\n      \"ok\": true"
+                                                     : ",\n      \"ok\": false";
+  text += ",\n      \"body\": ";
+  Transport::writeBody(reply, 2, 3, out);
+  text += "\n    }";
 }
 
 }  // namespace
@@ -158,26 +165,29 @@ void Instances::readEach(const std::string& method, const std::string& path, con
     } catch (const TransportError& e) {
       throw CliError{e.description};
     }
-    ctx.writeOut(printedBody(reply));
+    Transport::printBody(reply, ctx.writeOut);
     // The body printed above already says what went wrong.
     if (reply.status < 200 || reply.status > 299) throw CliError{"", 1};
     return;
   }
 
-  JSON::Array rows;
-  rows.reserve(targets.size());
-  for (const auto& target : targets) {
+  // {"results": [rows]}, written row by row as the replies come, so that one reply at a time is
+  // held. Always a success: each row carries its own outcome.
+  BlockWriter out(ctx.writeOut);
+  out.text() += "{\n  \"results\": [";
+  for (size_t i = 0; i < targets.size(); ++i) {
+    out.text() += i ? ",\n    " : "\n    ";
     try {
-      Reply reply = Transport::request(target.socketPath, method, path, body);
-      rows.push_back(JSON::object(
-          {{"id", JSON(target.id)}, {"ok", JSON(reply.ok())}, {"body", std::move(reply.body)}}));
+      RawReply reply = Transport::exchange(targets[i].socketPath, method, path, body);
+      writeReadRow(out, targets[i].id, reply);
     } catch (const TransportError& e) {
-      rows.push_back(JSON::object(
-          {{"id", JSON(target.id)}, {"ok", JSON(false)}, {"error", JSON(e.description)}}));
+      JSON::object(
+          {{"id", JSON(targets[i].id)}, {"ok", JSON(false)}, {"error", JSON(e.description)}})
+          .write(out.text(), 2, 2);
     }
   }
-  // Always a success: each row carries its own outcome.
-  ctx.writeOut(printed(JSON::object({{"results", JSON(std::move(rows))}})));
+  out.text() += "\n  ]\n}\n";
+  out.flush();
 }
 
 }  // namespace vorn

@@ -402,6 +402,32 @@ TEST_F(FanoutTest, ReadEachSeveralInstancesAlwaysSucceeds) {
   EXPECT_TRUE(rows[2].get("body"));
 }
 
+// The rows are written from the reply text; they must read exactly as the values would print.
+TEST_F(FanoutTest, ReadEachRowsPrintAsTheirValuesWould) {
+  add("a", 1, replying(200, "{\"tree\":[{\"name\":\"x\",\"children\":[]},{\"n\":1.5}],\"e\":{}}"));
+  add("b", 2, [](const SeenRequest&) { return FakeReply{0, "", true}; });
+  add("c", 3, replying(404, "no such thing"));
+  add("d", 4, replying(200, "[]"));
+  add("e\"q", 5, replying(201, "\"caf\u00e9\""));
+  instances().readEach("GET", "/health", nullptr, Flags{}, "instance health");
+
+  const JSON parsed = JSON::parse(io.out);
+  const JSON::Array& printed = parsed.get("results")->list();
+  ASSERT_EQ(printed.size(), 5u);
+  auto row = [](const char* id, bool ok, JSON body) {
+    return JSON::object({{"id", JSON(id)}, {"ok", JSON(ok)}, {"body", std::move(body)}});
+  };
+  JSON::Array rows = {
+      row("a", true,
+          JSON::parse("{\"tree\":[{\"name\":\"x\",\"children\":[]},{\"n\":1.5}],\"e\":{}}")),
+      JSON::object({{"id", JSON("b")}, {"ok", JSON(false)}, {"error", *printed[1].get("error")}}),
+      row("c", false, JSON::object({{"error", JSON("HTTP 404: not JSON (no such thing)")}})),
+      row("d", true, JSON::array()),
+      row("e\"q", true, JSON("caf\u00e9")),
+  };
+  EXPECT_EQ(io.out, JSON::object({{"results", JSON(std::move(rows))}}).serialized(2) + "\n");
+}
+
 TEST_F(FanoutTest, ReadEachJsonWrapsOneInstance) {
   add("a", 1, replying(200, "{\"ok\":true}"));
   Flags f;

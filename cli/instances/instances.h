@@ -60,6 +60,10 @@ std::vector<InstanceInfo> matchInstances(const std::vector<InstanceInfo>& instan
 CliError ambiguous(const std::string& message, const std::vector<InstanceInfo>& instances,
                    const std::string& hint);
 
+// The folder that holds the runtime root: XDG_RUNTIME_DIR whenever it is set (even empty),
+// else a non-empty TMPDIR, else /tmp. Hosts are started with it as their XDG_RUNTIME_DIR.
+std::string runtimeBase(const Context& ctx);
+
 // A folder younger than this may belong to an instance that has not bound its socket yet.
 inline constexpr int64_t staleAgeLimitSeconds = 10;
 // The age of a folder in milliseconds: now (seconds since 1970) against its modification time.
@@ -103,7 +107,8 @@ struct Instances {
   InstanceInfo owner(const std::string& path, const std::string& verb) const;
   bool waitForExit(const InstanceInfo& instance, double timeoutSeconds) const;
 
-  // App launch; throws CliError.
+  // App launch; throws CliError. Only where canLaunchApp() holds (macOS).
+  static bool canLaunchApp();
   void launchApp(const std::optional<std::string>& folder, bool forceNew,
                  const std::map<std::string, std::string>& env) const;
 

@@ -64,21 +64,25 @@ std::vector<std::string> openArguments(const std::optional<std::string>& bundle,
 
 // The only platform difference of the launch: elsewhere there is no `open` to hand the app to,
 // and a program of that name must never be run in its place.
+bool Instances::canLaunchApp() {
+#if defined(__APPLE__)
+  return true;
+#else
+  return false;
+#endif
+}
+
 void Instances::launchApp(const std::optional<std::string>& folder, bool forceNew,
                           const std::map<std::string, std::string>& env) const {
-#if defined(__APPLE__)
+  if (!canLaunchApp()) {
+    throw CliError{
+        "no app can be launched on this system (the Vorn app runs on macOS) \u2014 start an "
+        "instance with vorn server start <dir>",
+        1};
+  }
   int32_t status =
       runProcess("/usr/bin/open", openArguments(appBundle(ctx), folder, forceNew, env, ctx.cwd));
   if (status != 0) throw CliError{"open failed (exit " + std::to_string(status) + ")"};
-#else
-  (void)folder;
-  (void)forceNew;
-  (void)env;
-  throw CliError{
-      "no app can be launched on this system (the Vorn app runs on macOS) \u2014 start an "
-      "instance with vorn server start <dir>",
-      1};
-#endif
 }
 
 }  // namespace vorn

@@ -184,7 +184,8 @@ bool isForeignHost(const InstanceInfo& record, const std::string& dialled) {
 
 std::optional<InstanceInfo> probeInstance(const std::string& sock) {
   try {
-    Reply reply = Transport::request(sock, "GET", "/instance");
+    Reply reply =
+        Transport::request(sock, "GET", "/instance", nullptr, Transport::recordReplyBytes);
     if (!reply.ok()) return std::nullopt;
     std::optional<InstanceInfo> info = InstanceInfo::fromJSON(reply.body);
     if (!info) return std::nullopt;
@@ -220,14 +221,14 @@ bool pastStaleAge(double ageMs) {
   return ageMs > static_cast<double>(staleAgeLimitSeconds) * 1000.0;
 }
 
+std::string runtimeBase(const Context& ctx) {
+  if (const std::string* xdg = ctx.getenv("XDG_RUNTIME_DIR")) return *xdg;
+  if (const std::string* tmp = ctx.getenv("TMPDIR"); tmp && !tmp->empty()) return *tmp;
+  return "/tmp";
+}
+
 std::string Instances::runtimeRoot() const {
-  std::string base = "/tmp";
-  if (const std::string* xdg = ctx.getenv("XDG_RUNTIME_DIR")) {
-    base = *xdg;
-  } else if (const std::string* tmp = ctx.getenv("TMPDIR"); tmp && !tmp->empty()) {
-    base = *tmp;
-  }
-  return Paths::join({base, "vorn"});
+  return Paths::join({runtimeBase(ctx), "vorn"});
 }
 
 bool Instances::removeStaleDir(const std::string& root, const StaleEntry& entry) {

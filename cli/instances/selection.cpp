@@ -25,7 +25,8 @@ constexpr double maxWaitSeconds = 1e9;
 // The record the instance gives now through the socket we know it by, as a probe builds it.
 std::optional<InstanceInfo> currentRecord(const InstanceInfo& instance) {
   try {
-    Reply reply = Transport::request(instance.socketPath, "GET", "/instance");
+    Reply reply = Transport::request(instance.socketPath, "GET", "/instance", nullptr,
+                                     Transport::recordReplyBytes);
     if (!reply.ok()) return std::nullopt;
     std::optional<InstanceInfo> info = InstanceInfo::fromJSON(reply.body);
     if (!info) return std::nullopt;

@@ -12,6 +12,8 @@
 
 namespace vorn {
 
+class BlockWriter;
+
 // Thrown by JSON::parse; the message ends with " at offset N".
 struct JSONParseError {
   std::string message;
@@ -75,6 +77,10 @@ class JSON {
   // The text of parse(text).serialized(indent), written as the text is read, without building
   // the value (for printing large replies). Throws JSONParseError.
   static std::string reformat(std::string_view text, int indent);
+  // The same text, as write(out, indent, depth) of the parsed value would append it, added to
+  // `out` and handed on a block at a time, so that it is never held whole. The text is read
+  // twice: nothing is added unless all of it parses. Throws JSONParseError.
+  static void reformatTo(std::string_view text, int indent, int depth, BlockWriter& out);
 
   friend bool operator==(const JSON& a, const JSON& b);
 

@@ -6,6 +6,7 @@
 #include <limits>
 #include <vector>
 
+#include "json/block_writer.h"
 #include "json/json.h"
 #include "json/reader.h"
 
@@ -66,10 +67,12 @@ bool overflows(const char* p, const char* end) {
 
 namespace {
 
-// Writes the text that serializing the value would give, as the value is read.
+// Writes the text that serializing the value at the given depth would give, as the value is
+// read; with a block writer, hands the text on whenever a block is full.
 class WriterSink {
  public:
-  WriterSink(std::string& out, int indent) : out_(out), indent_(indent) {}
+  WriterSink(std::string& out, int indent, int depth = 0, BlockWriter* blocks = nullptr)
+      : out_(out), indent_(indent), depth_(static_cast<size_t>(depth)), blocks_(blocks) {}
 
   void null() {
     beforeValue();
@@ -102,10 +105,11 @@ class WriterSink {
   void pad(size_t depth) {
     if (indent_ <= 0) return;
     out_.push_back('\n');
-    out_.append(static_cast<size_t>(indent_) * depth, ' ');
+    out_.append(static_cast<size_t>(indent_) * (depth_ + depth), ' ');
   }
   // The comma before every entry of a container but the first, and the entry's line.
   void separate() {
+    if (blocks_) blocks_->flushIfFull();
     if (!open_.back()) out_.push_back(',');
     open_.back() = false;
     pad(open_.size());
@@ -130,6 +134,8 @@ class WriterSink {
 
   std::string& out_;
   int indent_;
+  size_t depth_;                // the depth of the value read, in the text around it
+  BlockWriter* blocks_;         // where full blocks go, if anywhere
   std::vector<bool> open_;      // per level: no entry written yet
   std::vector<bool> inObject_;  // per level: an object rather than an array
 };
@@ -149,6 +155,14 @@ std::string JSON::reformat(std::string_view text, int indent) {
   WriterSink sink(out, indent);
   readJSON(text, sink);
   return out;
+}
+
+void JSON::reformatTo(std::string_view text, int indent, int depth, BlockWriter& out) {
+  // Checked whole first, so that nothing is handed on for text that does not parse.
+  CheckSink check;
+  readJSON(text, check);
+  WriterSink sink(out.text(), indent, depth, &out);
+  readJSON(text, sink);
 }
 
 }  // namespace vorn

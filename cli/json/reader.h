@@ -52,6 +52,17 @@ void appendScalar(std::string& out, uint32_t c);
 // when its magnitude is too large (infinity), false when too small (zero).
 bool overflows(const char* p, const char* end);
 
+// Whether a sink wants the text of strings and keys. One that declares keepsText = false is
+// only checking that the text parses, and strings are then scanned without being copied.
+template <typename Sink>
+constexpr bool keepsText() {
+  if constexpr (requires { Sink::keepsText; }) {
+    return Sink::keepsText;
+  } else {
+    return true;
+  }
+}
+
 }  // namespace JSONDetail
 
 // The grammar, once. A Sink hears each value as it is read: null, boolean, number, string,
@@ -187,8 +198,10 @@ class JSONReader {
   }
 
   // The position is at the opening quote. Runs of plain bytes are copied with one append; the
-  // collected bytes are checked as UTF-8 only when some byte had its high bit set.
+  // collected bytes are checked as UTF-8 only when some byte had its high bit set. A sink that
+  // keeps no text gets the escapes alone, unchecked.
   void string(std::string& out) {
+    constexpr bool keep = JSONDetail::keepsText<Sink>();
     out.clear();
     ++p_;
     uint64_t high = 0;
@@ -207,7 +220,7 @@ class JSONReader {
         high |= static_cast<unsigned char>(*p_);
         ++p_;
       }
-      out.append(run, p_ - run);
+      if constexpr (keep) out.append(run, p_ - run);
       if (p_ == end_) fail("unterminated string");
       if (*p_ == '"') {
         ++p_;
@@ -241,7 +254,9 @@ class JSONReader {
           out.push_back(c);
       }
     }
-    if ((high & JSONDetail::kHighs) && !isValidUTF8(out)) out = toValidUTF8(out);
+    if constexpr (keep) {
+      if ((high & JSONDetail::kHighs) && !isValidUTF8(out)) out = toValidUTF8(out);
+    }
   }
 
   // The position is after "\u". A high surrogate joins a following "\u" low surrogate. When the
@@ -370,6 +385,20 @@ class TreeSink {
   std::vector<JSON> values_;
   std::vector<std::string> keys_;
   std::vector<Frame> frames_;
+};
+
+// Hears every value and keeps nothing: reading with it checks that the text parses.
+struct CheckSink {
+  static constexpr bool keepsText = false;
+  void null() {}
+  void boolean(bool) {}
+  void number(double) {}
+  void string(std::string&) {}
+  void key(std::string&) {}
+  void beginArray() {}
+  void beginObject() {}
+  void endArray() {}
+  void endObject() {}
 };
 
 // Reads `text`, telling `sink` each value; throws JSONParseError.

@@ -7,6 +7,7 @@
 #include <random>
 #include <sstream>
 
+#include "json/block_writer.h"
 #include "json/json.h"
 #include "json/test_mutations.h"
 
@@ -30,10 +31,43 @@ std::string viaReformat(std::string_view text, int indent) {
   }
 }
 
+// What write(out, indent, depth) of the parsed value appends, or the error message.
+std::string viaTreeAt(std::string_view text, int indent, int depth) {
+  try {
+    std::string out;
+    JSON::parse(text).write(out, indent, depth);
+    return out;
+  } catch (const JSONParseError& e) {
+    return "error: " + e.message;
+  }
+}
+
+// What reformatTo hands on in blocks of `block` bytes, or the error message; text that does not
+// parse must have had nothing at all handed on or added.
+std::string viaBlocks(std::string_view text, int indent, int depth, size_t block) {
+  std::string written;
+  BlockWriter out([&](std::string_view piece) { written += piece; }, block);
+  try {
+    JSON::reformatTo(text, indent, depth, out);
+    out.flush();
+    return written;
+  } catch (const JSONParseError& e) {
+    EXPECT_EQ(written, "");
+    EXPECT_EQ(out.text(), "");
+    return "error: " + e.message;
+  }
+}
+
 void expectSame(std::string_view text) {
   for (int indent : {0, 2, 4}) {
     ASSERT_EQ(viaReformat(text, indent), viaTree(text, indent))
         << "indent " << indent << ": " << text;
+  }
+  for (int depth : {0, 3}) {
+    std::string want = viaTreeAt(text, 2, depth);
+    ASSERT_EQ(viaBlocks(text, 2, depth, 16), want) << "depth " << depth << ": " << text;
+    ASSERT_EQ(viaBlocks(text, 2, depth, BlockWriter::defaultBlockBytes), want)
+        << "depth " << depth << ": " << text;
   }
 }
 
@@ -45,6 +79,29 @@ TEST(JSONReformat, Examples) {
   EXPECT_EQ(JSON::reformat("\"\\u00e9\\/\"", 2), "\"\u00e9/\"");
   EXPECT_EQ(JSON::reformat("1.0e0", 2), "1");
   EXPECT_EQ(JSON::reformat("{\"a\":1,\"a\":2}", 0), "{\"a\":1,\"a\":2}");
+}
+
+TEST(JSONReformat, BlocksEndBetweenEntriesOnceFull) {
+  std::vector<std::string> blocks;
+  BlockWriter out([&](std::string_view piece) { blocks.emplace_back(piece); }, 8);
+  out.text() = "x: ";
+  JSON::reformatTo("[\"abcdefgh\",1,2,{\"k\":[3]}]", 2, 1, out);
+  out.flush();
+  EXPECT_EQ(blocks, (std::vector<std::string>{"x: [\n    \"abcdefgh\"", ",\n    1,\n    2",
+                                              ",\n    {\n      \"k\": [",
+                                              "\n        3\n      ]\n    }\n  ]"}));
+}
+
+TEST(JSONReformat, NothingIsHandedOnForTextThatEndsBadly) {
+  size_t writes = 0;
+  BlockWriter out([&](std::string_view) { ++writes; }, 1);
+  out.text() = "kept";
+  std::string big = "[" + std::string(100000, '1') + ",";
+  for (int i = 0; i < 1000; ++i)
+    big += "\"entry\",";
+  EXPECT_THROW(JSON::reformatTo(big, 2, 0, out), JSONParseError);
+  EXPECT_EQ(writes, 0u);
+  EXPECT_EQ(out.text(), "kept");
 }
 
 TEST(JSONReformat, AgreesWithTheTreeOnHandWrittenCases) {

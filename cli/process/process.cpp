@@ -1,8 +1,10 @@
 #include "process/process.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 extern char** environ;
 
@@ -27,6 +29,29 @@ SpawnAttributes::~SpawnAttributes() {
 bool SpawnAttributes::addFlags(short flags) {
   flags_ = static_cast<short>(flags_ | flags);
   return ::posix_spawnattr_setflags(&attr_, flags_) == 0;
+}
+
+// The one platform difference of spawning: how a child is kept from inheriting descriptors.
+bool closeOtherDescriptors(SpawnAttributes& attributes, SpawnFileActions& actions) {
+#if defined(__APPLE__)
+  // Only the descriptors made by the file actions survive the spawn.
+  (void)actions;
+  return attributes.addFlags(POSIX_SPAWN_CLOEXEC_DEFAULT);
+#elif defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 34))
+  (void)attributes;
+  return ::posix_spawn_file_actions_addclosefrom_np(actions.get(), 3) == 0;
+#else
+  // No way to say it to the spawn: mark every other descriptor of this process close-on-exec.
+  (void)attributes;
+  (void)actions;
+  long limit = ::sysconf(_SC_OPEN_MAX);
+  if (limit < 0 || limit > 65536) limit = 65536;
+  for (int fd = 3; fd < limit; ++fd) {
+    int flags = ::fcntl(fd, F_GETFD);
+    if (flags >= 0) ::fcntl(fd, F_SETFD, flags | FD_CLOEXEC);
+  }
+  return true;
+#endif
 }
 
 std::vector<char*> cStrings(const std::vector<std::string>& words) {

@@ -50,6 +50,11 @@ class SpawnFileActions {
   bool ready_ = false;
 };
 
+// Leaves the child only the descriptors the file actions set up (0, 1 and 2): nothing else this
+// process holds or inherited reaches it, so a child that outlives the CLI keeps none of the
+// caller's pipes open. False when the system refused.
+bool closeOtherDescriptors(SpawnAttributes& attributes, SpawnFileActions& actions);
+
 // argv as the NUL-terminated array of C strings that exec and spawn take; the pointers stay
 // valid as long as `words` is alive and unchanged.
 std::vector<char*> cStrings(const std::vector<std::string>& words);

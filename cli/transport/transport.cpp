@@ -228,7 +228,8 @@ Head parseHead(std::string_view bytes) {
   return head;
 }
 
-// The whole size a reply announces (header and body), once its header has arrived.
+// The whole size a reply announces (header and body), once its header has arrived; 0 when it
+// announces none that can be trusted.
 std::optional<size_t> announcedSize(std::string_view received) {
   if (indexOf(received, "\r\n\r\n") == std::string_view::npos) return std::nullopt;
   try {
@@ -240,16 +241,24 @@ std::optional<size_t> announcedSize(std::string_view received) {
   }
 }
 
-// Everything the peer sends until it closes, received straight into the result's spare room.
-// Once the header has told the body's length the room is made exactly that large, so a big
-// reply is neither copied nor over-allocated; otherwise the room doubles when it runs out.
-std::string readAll(int fd, const Deadline& deadline) {
-  std::string out(readChunkBytes, '\0');
-  size_t used = 0;
+TransportError tooLarge(size_t maxBytes) {
+  constexpr size_t mebibyte = size_t{1} << 20;
+  std::string limit = maxBytes % mebibyte == 0 ? std::to_string(maxBytes / mebibyte) + " MiB"
+                                               : std::to_string(maxBytes) + " bytes";
+  return TransportError{"reply too large: over " + limit};
+}
+
+// Everything the peer sends until it closes, received straight into the spare room of one
+// block. Once the header has told the body's length the block is made exactly that large;
+// otherwise it doubles when full, which realloc does without copying a large block. A reply of
+// more than maxBytes is not read further.
+ReplyBytes readAll(int fd, size_t maxBytes, const Deadline& deadline) {
+  ReplyBytes out;
+  out.reserve(readChunkBytes);
   bool presized = false;
   while (true) {
-    if (used == out.size()) out.resize(out.size() * 2);
-    ssize_t n = ::recv(fd, out.data() + used, out.size() - used, 0);
+    if (out.spareSize() == 0) out.reserve(2 * out.size());
+    ssize_t n = ::recv(fd, out.spare(), out.spareSize(), 0);
     if (n < 0) {
       if (errno == EINTR) continue;
       if (wouldBlock(errno)) {
@@ -259,16 +268,16 @@ std::string readAll(int fd, const Deadline& deadline) {
       throw TransportError{systemError("read: ", errno)};
     }
     if (n == 0) break;
-    used += static_cast<size_t>(n);
+    out.commit(static_cast<size_t>(n));
+    if (out.size() > maxBytes) throw tooLarge(maxBytes);
     if (!presized) {
-      if (auto size = announcedSize(std::string_view(out.data(), used))) {
+      if (auto size = announcedSize(out.view())) {
         presized = true;
         // One spare byte so that the closing receive of 0 bytes needs no growth.
-        if (*size + 1 > out.size()) out.resize(*size + 1);
+        if (*size > 0) out.reserve(std::min(*size, maxBytes) + 1);
       }
     }
   }
-  out.resize(used);
   return out;
 }
 
@@ -296,45 +305,52 @@ std::string buildRequest(std::string_view method, std::string_view path, const J
   return out;
 }
 
-std::string dechunk(std::string_view body) {
-  std::string out;
-  out.reserve(body.size());
+size_t dechunkInPlace(char* body, size_t size) {
+  std::string_view in(body, size);
+  size_t out = 0;
   size_t pos = 0;
-  while (pos < body.size()) {
-    size_t lineEnd = indexOf(body, "\r\n", pos);
+  while (pos < size) {
+    size_t lineEnd = indexOf(in, "\r\n", pos);
     // Data that stops without the final zero-size chunk is accepted as it stands.
     if (lineEnd == std::string_view::npos) break;
-    std::string_view sizeText = body.substr(pos, lineEnd - pos);
+    std::string_view sizeText = in.substr(pos, lineEnd - pos);
     size_t semicolon = sizeText.find(';');
     if (semicolon != std::string_view::npos) sizeText = sizeText.substr(0, semicolon);
-    auto size = parseUnsigned(trim(sizeText), 16);
-    if (!size) throw TransportError{"malformed chunk size"};
-    if (*size == 0) break;
+    auto chunk = parseUnsigned(trim(sizeText), 16);
+    if (!chunk) throw TransportError{"malformed chunk size"};
+    if (*chunk == 0) break;
     size_t dataStart = lineEnd + 2;
-    if (body.size() - dataStart < *size) throw TransportError{"truncated chunk"};
-    out.append(body.substr(dataStart, *size));
-    pos = dataStart + *size + 2;
+    if (size - dataStart < *chunk) throw TransportError{"truncated chunk"};
+    // Each chunk's data moves towards the front, over size lines already read.
+    std::memmove(body + out, body + dataStart, static_cast<size_t>(*chunk));
+    out += static_cast<size_t>(*chunk);
+    pos = dataStart + static_cast<size_t>(*chunk) + 2;
   }
   return out;
 }
 
-RawReply parseRawResponse(std::string bytes) {
+std::string dechunk(std::string_view body) {
+  std::string out(body);
+  out.resize(dechunkInPlace(out.data(), out.size()));
+  return out;
+}
+
+RawReply parseRawResponse(ReplyBytes bytes) {
   Head head = parseHead(bytes);
-  std::string body;
+  // The body is cut out of the received bytes where it stands.
+  bytes.dropFront(head.bodyStart);
   if (head.chunked) {
-    body = dechunk(std::string_view(bytes).substr(head.bodyStart));
-    bytes = std::string();
-  } else {
-    // The body is cut out of the received bytes in place. Extra bytes are ignored; fewer than
-    // announced are taken as they came.
-    body = std::move(bytes);
-    body.erase(0, head.bodyStart);
-    if (head.contentLength && *head.contentLength < body.size()) {
-      body.resize(static_cast<size_t>(*head.contentLength));
-    }
+    bytes.truncate(dechunkInPlace(bytes.data(), bytes.size()));
+  } else if (head.contentLength && *head.contentLength < bytes.size()) {
+    // Extra bytes are ignored; fewer than announced are taken as they came.
+    bytes.truncate(static_cast<size_t>(*head.contentLength));
   }
-  if (!isValidUTF8(body)) body = toValidUTF8(body);
-  return RawReply{head.status, std::move(body)};
+  if (!isValidUTF8(bytes)) bytes = ReplyBytes(toValidUTF8(bytes));
+  return RawReply{head.status, std::move(bytes)};
+}
+
+RawReply parseRawResponse(std::string_view bytes) {
+  return parseRawResponse(ReplyBytes(bytes));
 }
 
 JSON notJSON(int status, std::string_view text) {
@@ -363,32 +379,47 @@ std::string bodyText(const RawReply& raw, int indent) {
   }
 }
 
+void writeBody(const RawReply& raw, int indent, int depth, BlockWriter& out) {
+  try {
+    JSON::reformatTo(raw.body, indent, depth, out);
+  } catch (const JSONParseError&) {
+    notJSON(raw.status, raw.body).write(out.text(), indent, depth);
+  }
+}
+
+void printBody(const RawReply& raw, const std::function<void(std::string_view)>& write) {
+  BlockWriter out(write);
+  writeBody(raw, 2, 0, out);
+  out.text() += '\n';
+  out.flush();
+}
+
 Reply parseResponse(std::string_view bytes) {
-  return toReply(parseRawResponse(std::string(bytes)));
+  return toReply(parseRawResponse(bytes));
 }
 
 RawReply exchange(const std::string& sock, std::string_view method, std::string_view path,
-                  const JSON* body) {
+                  const JSON* body, size_t maxBytes) {
   // One deadline for connect, write and read together (none unless VORN_TIMEOUT set one).
   Deadline deadline(timeout());
-  std::string bytes;
+  ReplyBytes bytes;
   {
     UniqueFd fd(openSocket());
     connectUnix(fd.get(), sock, deadline);
     writeAll(fd.get(), buildRequest(method, path, body), deadline);
-    bytes = readAll(fd.get(), deadline);
+    bytes = readAll(fd.get(), maxBytes, deadline);
   }
   return parseRawResponse(std::move(bytes));
 }
 
 Reply request(const std::string& sock, std::string_view method, std::string_view path,
-              const JSON* body) {
-  return toReply(exchange(sock, method, path, body));
+              const JSON* body, size_t maxBytes) {
+  return toReply(exchange(sock, method, path, body, maxBytes));
 }
 
-JSON getJSON(const std::string& sock, std::string_view path) {
+JSON getJSON(const std::string& sock, std::string_view path, size_t maxBytes) {
   try {
-    Reply reply = request(sock, "GET", path);
+    Reply reply = request(sock, "GET", path, nullptr, maxBytes);
     if (reply.ok()) return std::move(reply.body);
     if (auto message = reply.body.error()) return JSON::object({{"error", JSON(*message)}});
     return JSON::object({{"error", JSON("HTTP " + std::to_string(reply.status))}});

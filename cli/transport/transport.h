@@ -5,7 +5,9 @@
 #include <string>
 #include <string_view>
 
+#include "json/block_writer.h"
 #include "json/json.h"
+#include "transport/reply_bytes.h"
 
 namespace vorn {
 
@@ -18,7 +20,7 @@ struct Reply {
 // A reply before its body is read as JSON: the status and the body as valid UTF-8 text.
 struct RawReply {
   int status = 0;
-  std::string body;
+  ReplyBytes body;
 };
 
 struct TransportError {
@@ -27,13 +29,23 @@ struct TransportError {
 
 namespace Transport {
 
+// The most bytes a reply may bring (header included); one more is the transport error
+// "reply too large: over <N> MiB", and the rest of the reply is not read. A reply is held whole
+// before anything of it is used, so the limit bounds the memory a misbehaving instance can take.
+// An instance record or a health reply is a few hundred bytes:
+inline constexpr size_t recordReplyBytes = size_t{1} << 20;
+// A reply read as a value, which takes a few times its size in memory:
+inline constexpr size_t valueReplyBytes = size_t{64} << 20;
+// A reply printed as text, which is held once and printed in blocks (a whole file tree):
+inline constexpr size_t textReplyBytes = size_t{256} << 20;
+
 // Throws TransportError.
 Reply request(const std::string& sock, std::string_view method, std::string_view path,
-              const JSON* body = nullptr);
+              const JSON* body = nullptr, size_t maxBytes = valueReplyBytes);
 // The same exchange, with the body left as text (for printing large replies without
 // building them as values first). Throws TransportError.
 RawReply exchange(const std::string& sock, std::string_view method, std::string_view path,
-                  const JSON* body = nullptr);
+                  const JSON* body = nullptr, size_t maxBytes = textReplyBytes);
 // The body read as JSON; a body that is not JSON becomes {"error": "HTTP <status>: not JSON
 // (<its first 120 characters>)"}.
 Reply toReply(const RawReply& raw);
@@ -41,16 +53,25 @@ JSON notJSON(int status, std::string_view text);
 // The body as JSON text at the given indent, as toReply(raw).body.serialized(indent) would give
 // it, but written from the received text without building the value.
 std::string bodyText(const RawReply& raw, int indent);
+// The same text as toReply(raw).body.write(text, indent, depth) would add, handed on a block at a
+// time: a large reply is printed without being held twice.
+void writeBody(const RawReply& raw, int indent, int depth, BlockWriter& out);
+// The body as a user sees it printed: its text at indent 2 and a line feed, in blocks.
+void printBody(const RawReply& raw, const std::function<void(std::string_view)>& write);
 // A GET whose failures are folded into the returned value; never throws.
-JSON getJSON(const std::string& sock, std::string_view path);
+JSON getJSON(const std::string& sock, std::string_view path, size_t maxBytes = valueReplyBytes);
 
 // The request bytes that request() sends (exposed for tests).
 std::string buildRequest(std::string_view method, std::string_view path, const JSON* body);
 // Parses raw reply bytes; throws TransportError.
-RawReply parseRawResponse(std::string bytes);
+RawReply parseRawResponse(std::string_view bytes);
+RawReply parseRawResponse(ReplyBytes bytes);
 Reply parseResponse(std::string_view bytes);
 // Decodes a chunked body; throws TransportError.
 std::string dechunk(std::string_view body);
+// The same, decoding the body where it stands (the decoded bytes are never longer) and returning
+// their length. Throws TransportError.
+size_t dechunkInPlace(char* body, size_t size);
 
 }  // namespace Transport
 }  // namespace vorn

@@ -9,12 +9,6 @@ namespace vorn {
 
 namespace {
 
-void rejectExtraArguments(const Flags& flags, size_t allowed, const std::string& label) {
-  if (flags.args.size() > allowed) {
-    throw usageError("vorn " + label + ": unexpected argument '" + flags.args[allowed] + "'");
-  }
-}
-
 // Lines and columns count from 1; a 0 would leave the editor to guess, so it is refused here.
 void requireOneBased(const TypedTarget& target, const std::string& word) {
   if ((target.line && *target.line == 0) || (target.col && *target.col == 0)) {

@@ -266,7 +266,7 @@ void searchRun(const Flags& flags, Instances& instances) {
   const SearchListing listing = listingOf(reply);
 
   if (flags.json) {
-    instances.ctx.writeOut(Transport::bodyText(reply, 2) + "\n");
+    Transport::printBody(reply, instances.ctx.writeOut);
   } else {
     // One write for the whole listing, however many matches there are.
     if (!listing.lines.empty()) instances.ctx.writeOut(listing.lines);

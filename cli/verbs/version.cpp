@@ -64,7 +64,7 @@ void printVersion(const Flags& flags, Instances& instances) {
 
   // A failed request folds into an object without "protocol", which reads as unknown.
   std::vector<JSON> replies = parallelMap(chosen, [](const InstanceInfo& instance) {
-    return Transport::getJSON(instance.socketPath, "/health");
+    return Transport::getJSON(instance.socketPath, "/health", Transport::recordReplyBytes);
   });
   std::vector<std::pair<std::string, JSON>> protocols;
   protocols.reserve(chosen.size());

@@ -17,13 +17,6 @@ namespace {
 constexpr auto launchWait = std::chrono::seconds(15);
 constexpr auto launchPoll = std::chrono::milliseconds(200);
 
-// The verbs take a fixed number of positional words; a stray one is a typo, not a wish.
-void rejectExtraArguments(const Flags& flags, size_t allowed, const std::string& label) {
-  if (flags.args.size() > allowed) {
-    throw usageError("vorn " + label + ": unexpected argument '" + flags.args[allowed] + "'");
-  }
-}
-
 // Starts the app on `dir`. Its errors keep their meaning but get this command's words in front.
 void launch(const Instances& instances, const std::string& dir, bool forceNew) {
   try {

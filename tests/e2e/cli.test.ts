@@ -74,17 +74,6 @@ describe("usage errors", () => {
   });
 });
 
-describe("verbs not built into this CLI", () => {
-  test("answer not implemented with exit 1", async () => {
-    await expectError(["doctor", "check"], "vorn doctor check: not implemented in this CLI\n", 1);
-    await expectError(
-      ["shell-command", "status", "-o", "json"],
-      '{"error":"vorn shell-command status: not implemented in this CLI","code":1}\n',
-      1,
-    );
-  });
-});
-
 describe("version", () => {
   test("prints the CLI line for every spelling", async () => {
     for (const word of ["version", "--version", "-V"]) {

@@ -219,3 +219,14 @@ describe("command list", () => {
     expect([r.stdout, r.stderr, r.code]).toEqual(["", "vorn: unknown flag --yes\n", 2]);
   });
 });
+
+// A reply read as a value stops at 64 MiB: that target failed, with the error as its body.
+describe("command run: a reply of 1 GB", () => {
+  test("one failed target whose body names the limit", async () => {
+    const s = await sb.sim({ id: "s", routes: [{ method: "POST", path: "/command", jsonStringBytes: 1 << 30 }] });
+    const r = await sb.run(["command", "run", "workbench.toggleSidebar"]);
+    expect(r.stdout).toBe(pretty({ error: "reply too large: over 64 MiB" }));
+    expect([r.stderr, r.code]).toEqual(["vorn command run: 1 target(s) failed\n", 1]);
+    expectCalls(s, [["POST", "/command", '{"id":"workbench.toggleSidebar"}']]);
+  });
+});

@@ -34,6 +34,7 @@ export interface RunResult {
   stdoutBytes: Buffer;
   stderrBytes: Buffer;
   timedOut: boolean;
+  maxRssBytes: number; // the process's peak resident memory, as the system accounted it
 }
 
 export interface Sandbox {
@@ -191,6 +192,7 @@ export async function sandbox(): Promise<Sandbox> {
         stdoutBytes,
         stderrBytes,
         timedOut,
+        maxRssBytes: proc.resourceUsage()?.maxRSS ?? 0,
       };
     },
 

@@ -407,3 +407,14 @@ describe("search run: 10,000 matches", () => {
     expect(writes[0]).toMatch(new RegExp(`= ${Buffer.byteLength(expected)}$`));
   });
 });
+
+describe("search run: a reply of 1 GB", () => {
+  test("stops with a clear error after the limit; nothing is listed", async () => {
+    await sb.sim({ id: "a", routes: [{ method: "GET", path: "/search", jsonStringBytes: 1 << 30 }] });
+    const message = "vorn search run: reply too large: over 256 MiB";
+    const r = await sb.run(["search", "run", "needle"]);
+    expect([r.stdout, r.stderr, r.code]).toEqual(["", message + "\n", 1]);
+    const j = await sb.run(["search", "run", "needle", "-o", "json"]);
+    expect([j.stdout, j.stderr, j.code]).toEqual(["", JSON.stringify({ error: message, code: 1 }) + "\n", 1]);
+  });
+});

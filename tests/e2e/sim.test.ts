@@ -562,6 +562,46 @@ describe("scripted replies", () => {
     expect(st.workspace).toBe(ws);
   });
 
+  test("large bodies: a file's bytes, or a JSON string of a given size, in pieces", async () => {
+    const file = sb.file("tmp/tree.json", '[{"name":"a"}]');
+    const s = await sb.sim({
+      routes: [
+        { path: "/file", bodyFile: file },
+        { path: "/small", jsonStringBytes: 10, chunks: [3] },
+        { path: "/big", jsonStringBytes: 3 * 1024 * 1024 + 5, contentLength: false },
+      ],
+    });
+    const f = await request(s.sock, "GET", "/file");
+    expect([f.status, f.body.toString()]).toEqual([200, '[{"name":"a"}]']);
+    expect(f.headers).toContainEqual(["Content-Length", "14"]);
+    const small = await request(s.sock, "GET", "/small");
+    expect([small.body.toString(), small.chunkSizes, small.chunkEnd]).toEqual(['"xxxxxxxx"', [3, 7], true]);
+    const big = await request(s.sock, "GET", "/big");
+    expect(big.body.length).toBe(3 * 1024 * 1024 + 5);
+    expect(JSON.parse(big.body.toString())).toBe("x".repeat(3 * 1024 * 1024 + 3));
+  });
+
+  test("a client that stops reading a 1 GB body leaves the instance serving", async () => {
+    const s = await sb.sim({ routes: [{ path: "/huge", jsonStringBytes: 1 << 30 }] });
+    const net = await import("node:net");
+    const first = await new Promise<Buffer>((resolve) => {
+      const c = net.connect(s.sock, () => c.write(requestBytes("GET", "/huge")));
+      c.once("data", (d: Buffer) => {
+        c.destroy();
+        resolve(d);
+      });
+    });
+    expect(first.toString()).toStartWith("HTTP/1.1 200 OK\r\n");
+    expect(first.toString()).toContain("Content-Length: 1073741824\r\n");
+    expect((await request(s.sock, "GET", "/health")).json).toMatchObject({ ok: true });
+  });
+
+  test("a large body takes no second body key and no split writes", async () => {
+    await expect(sb.sim({ routes: [{ path: "/x", jsonStringBytes: 10, body: "y" }] })).rejects.toThrow("give only one of");
+    await expect(sb.sim({ routes: [{ path: "/x", jsonStringBytes: 1 }] })).rejects.toThrow('"jsonStringBytes" must be an integer of at least 2');
+    await expect(sb.sim({ routes: [{ path: "/x", bodyFile: "/f", writes: [1] }] })).rejects.toThrow('"writes" cannot shape');
+  });
+
   test("a scenario with a typo is refused at start", async () => {
     await expect(sb.sim({ routes: [{ path: "/health", stauts: 500 } as never] })).rejects.toThrow('unknown key "stauts"');
     await expect(sb.sim({ sock: "maybe" as never })).rejects.toThrow('"sock" must be');

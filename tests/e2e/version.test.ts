@@ -106,3 +106,12 @@ describe("vorn version", () => {
     expect(none.stdout).toBe(all.stdout);
   });
 });
+
+describe("vorn version: a health reply of 1 GB", () => {
+  test("reads as an unknown protocol, like any unreadable reply", async () => {
+    const [a, b] = byPid(await sb.sims(2, (i) => ({ id: `v-${i}`, protocol: 4 })));
+    await a.addRoute({ method: "GET", path: "/health", jsonStringBytes: 1 << 30, chunks: [4096] });
+    const r = await sb.run(["version", "-a"]);
+    expect([r.stdout, r.stderr, r.code]).toEqual(["vorn 0.2.0\n" + line(a, "unknown") + line(b, "4"), "", 0]);
+  });
+});

@@ -223,14 +223,14 @@ export interface ReplyShape {
   contentLength?: number | false;
 }
 
-export function buildReply(reply: ReplyShape): Buffer {
+// The status line and header block of a reply whose body holds `bodyLength` bytes.
+export function replyHead(reply: Omit<ReplyShape, "body">, bodyLength: number): Buffer {
   const headers: HeaderList = reply.headers.map(([k, v]) => [k, v]);
   const has = (name: string) => headers.some(([k]) => k.toLowerCase() === name.toLowerCase());
-  const chunked = reply.chunks !== undefined;
-  if (chunked) {
+  if (reply.chunks !== undefined) {
     if (!has("transfer-encoding")) headers.push(["Transfer-Encoding", "chunked"]);
   } else if (reply.contentLength !== false && !has("content-length")) {
-    headers.push(["Content-Length", String(reply.contentLength ?? reply.body.length)]);
+    headers.push(["Content-Length", String(reply.contentLength ?? bodyLength)]);
   }
   if (!has("connection")) headers.push(["Connection", "close"]);
   for (const [k, v] of reply.extraHeaders ?? []) {
@@ -242,26 +242,47 @@ export function buildReply(reply: ReplyShape): Buffer {
     `HTTP/1.1 ${reply.status} ${reply.reason ?? reasonPhrase(reply.status)}\r\n` +
     headers.map(([k, v]) => `${k}: ${v}\r\n`).join("") +
     "\r\n";
-  const out: Buffer[] = [Buffer.from(head, "utf8")];
-  if (!chunked) {
-    out.push(reply.body);
-  } else {
-    let pos = 0;
-    const sizes = [...reply.chunks!];
-    for (const size of sizes) {
-      if (pos >= reply.body.length) break;
-      const n = Math.min(size, reply.body.length - pos);
-      if (n <= 0) continue;
-      out.push(Buffer.from(n.toString(16) + "\r\n"), reply.body.subarray(pos, pos + n), Buffer.from("\r\n"));
-      pos += n;
-    }
-    if (pos < reply.body.length) {
-      const n = reply.body.length - pos;
-      out.push(Buffer.from(n.toString(16) + "\r\n"), reply.body.subarray(pos), Buffer.from("\r\n"));
-    }
-    if (reply.chunkEnd !== false) out.push(Buffer.from("0\r\n\r\n"));
+  return Buffer.from(head, "utf8");
+}
+
+// The most a body piece holds, so that a large body is sent without being held whole.
+export const BODY_PIECE_BYTES = 1 << 20;
+
+// A body of `size` bytes as it goes on the wire, in pieces of at most BODY_PIECE_BYTES taken
+// from `slice`: as it stands, or framed in chunks of the given sizes (the bytes left over go in
+// one last chunk), ending with the zero-size chunk unless `chunkEnd` is false.
+export function* bodyFrames(
+  size: number,
+  slice: (start: number, end: number) => Buffer,
+  chunks?: number[],
+  chunkEnd?: boolean,
+): Generator<Buffer> {
+  function* pieces(start: number, end: number): Generator<Buffer> {
+    for (let p = start; p < end; p += BODY_PIECE_BYTES) yield slice(p, Math.min(end, p + BODY_PIECE_BYTES));
   }
-  return Buffer.concat(out);
+  if (chunks === undefined) {
+    yield* pieces(0, size);
+    return;
+  }
+  let pos = 0;
+  function* chunk(n: number): Generator<Buffer> {
+    yield Buffer.from(n.toString(16) + "\r\n");
+    yield* pieces(pos, pos + n);
+    yield Buffer.from("\r\n");
+    pos += n;
+  }
+  for (const c of chunks) {
+    if (pos >= size) break;
+    yield* chunk(Math.min(c, size - pos));
+  }
+  if (pos < size) yield* chunk(size - pos);
+  if (chunkEnd !== false) yield Buffer.from("0\r\n\r\n");
+}
+
+export function buildReply(reply: ReplyShape): Buffer {
+  const body = reply.body;
+  const frames = bodyFrames(body.length, (start, end) => body.subarray(start, end), reply.chunks, reply.chunkEnd);
+  return Buffer.concat([replyHead(reply, body.length), ...frames]);
 }
 
 export interface ParsedReply {

@@ -6,9 +6,9 @@
 import fs from "node:fs";
 import net from "node:net";
 import path from "node:path";
-import { ByteBuffer, buildReply, parseRequest, type HeaderList, type ParsedRequest } from "./http";
+import { BODY_PIECE_BYTES, bodyFrames, ByteBuffer, buildReply, parseRequest, replyHead, type HeaderList, type ParsedRequest } from "./http";
 import { builtin, type BuiltinReply, type State } from "./endpoints";
-import { checkRoute, checkScenario, headerPairs, routeReplaces, ScenarioError, type Route, type Scenario } from "./scenario";
+import { checkRoute, checkScenario, headerPairs, isLarge, routeReplaces, ScenarioError, type Route, type Scenario } from "./scenario";
 
 const USAGE = `usage: bun instance.ts --runtime DIR [options]
 
@@ -252,11 +252,61 @@ function jsonReply(status: number, value: unknown): { status: number; headers: H
   };
 }
 
-function replyBytes(route: Route | undefined, builtinReply: BuiltinReply | undefined): Buffer | "close" | "hang" {
+// A body produced piece by piece as it is sent.
+interface LargeBody {
+  size: number;
+  slice(start: number, end: number): Buffer;
+}
+
+const fileBodies = new Map<string, Buffer>();
+const filler = Buffer.alloc(BODY_PIECE_BYTES, "x");
+
+function largeBody(route: Route): LargeBody {
+  if (route.bodyFile !== undefined) {
+    let bytes = fileBodies.get(route.bodyFile);
+    if (bytes === undefined) {
+      bytes = fs.readFileSync(route.bodyFile);
+      fileBodies.set(route.bodyFile, bytes);
+    }
+    const file = bytes;
+    return { size: file.length, slice: (start, end) => file.subarray(start, end) };
+  }
+  // "xx...x": one shared run of x, with a quote put in a copy at either end.
+  const size = route.jsonStringBytes!;
+  return {
+    size,
+    slice(start, end) {
+      if (start > 0 && end < size) return filler.subarray(0, end - start);
+      const piece = Buffer.from(filler.subarray(0, end - start));
+      if (start === 0) piece[0] = 0x22;
+      if (end === size) piece[end - start - 1] = 0x22;
+      return piece;
+    },
+  };
+}
+
+type ReplyPlan = Buffer | Iterable<Buffer> | "close" | "hang";
+
+function replyBytes(route: Route | undefined, builtinReply: BuiltinReply | undefined): ReplyPlan {
   if (route?.action === "close") return "close";
   if (route?.action === "hang") return "hang";
   if (route?.raw !== undefined) return Buffer.from(route.raw, "utf8");
   if (route?.rawBase64 !== undefined) return Buffer.from(route.rawBase64, "base64");
+  const shape = {
+    reason: route?.reason,
+    extraHeaders: headerPairs(route?.headers),
+    chunks: route?.chunks,
+    chunkEnd: route?.chunkEnd,
+    contentLength: route?.contentLength,
+  };
+  if (route && isLarge(route)) {
+    const body = largeBody(route);
+    const head = replyHead({ ...shape, status: route.status ?? 200, headers: [["Content-Type", "application/json; charset=utf-8"]] }, body.size);
+    return (function* () {
+      yield head;
+      yield* bodyFrames(body.size, body.slice, route.chunks, route.chunkEnd);
+    })();
+  }
   let base: { status: number; headers: HeaderList; body: Buffer };
   if (route && routeReplaces(route)) {
     const status = route.status ?? 200;
@@ -269,15 +319,14 @@ function replyBytes(route: Route | undefined, builtinReply: BuiltinReply | undef
   } else {
     base = jsonReply(builtinReply!.status, builtinReply!.json);
   }
-  return buildReply({
-    status: base.status,
-    reason: route?.reason,
-    headers: base.headers,
-    extraHeaders: headerPairs(route?.headers),
-    body: base.body,
-    chunks: route?.chunks,
-    chunkEnd: route?.chunkEnd,
-    contentLength: route?.contentLength,
+  return buildReply({ ...shape, status: base.status, headers: base.headers, body: base.body });
+}
+
+function endConnection(sock: net.Socket): Promise<void> {
+  return new Promise<void>((resolve) => {
+    if (sock.destroyed) return resolve();
+    sock.once("close", () => resolve());
+    sock.end(() => resolve());
   });
 }
 
@@ -296,11 +345,37 @@ async function send(sock: net.Socket, bytes: Buffer, route: Route | undefined): 
     sock.write(segments[i]);
   }
   if (route?.keepOpen) return;
-  await new Promise<void>((resolve) => {
-    if (sock.destroyed) return resolve();
-    sock.once("close", () => resolve());
-    sock.end(() => resolve());
+  await endConnection(sock);
+}
+
+// Writes one piece; true once the socket can take more, false when the client has gone.
+function writePiece(sock: net.Socket, piece: Buffer): Promise<boolean> {
+  if (sock.destroyed) return Promise.resolve(false);
+  if (sock.write(piece)) return Promise.resolve(true);
+  return new Promise<boolean>((resolve) => {
+    const done = (more: boolean) => {
+      sock.off("drain", onDrain);
+      sock.off("close", onClose);
+      resolve(more);
+    };
+    const onDrain = () => done(true);
+    const onClose = () => done(false);
+    sock.on("drain", onDrain);
+    sock.on("close", onClose);
   });
+}
+
+// Sends the pieces as the client takes them, so a large body is never buffered whole; stops
+// when the client closes.
+async function sendPieces(sock: net.Socket, pieces: Iterable<Buffer>, route: Route | undefined): Promise<void> {
+  let first = true;
+  for (const piece of pieces) {
+    if (!first && route?.writeGapMs) await sleep(route.writeGapMs);
+    first = false;
+    if (!(await writePiece(sock, piece))) return;
+  }
+  if (route?.keepOpen) return;
+  await endConnection(sock);
 }
 
 async function answer(sock: net.Socket, conn: number, req: ParsedRequest): Promise<void> {
@@ -330,7 +405,8 @@ async function answer(sock: net.Socket, conn: number, req: ParsedRequest): Promi
     sock.destroy();
     return;
   }
-  await send(sock, bytes, route);
+  if (Buffer.isBuffer(bytes)) await send(sock, bytes, route);
+  else await sendPieces(sock, bytes, route);
   if (b?.effect === "quit" && !st.scenario.ignoreQuit) {
     if (st.scenario.quitDelayMs) await sleep(st.scenario.quitDelayMs);
     shutdown(0);

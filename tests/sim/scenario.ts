@@ -5,8 +5,9 @@
 export type Headers = Record<string, string> | [string, string][];
 
 // One scripted route. A route that sets none of action, status, json, body,
-// bodyBase64, raw or rawBase64 only modifies the built-in reply of that
-// endpoint (delay, headers, chunking, split writes) and keeps its side effects.
+// bodyBase64, bodyFile, jsonStringBytes, raw or rawBase64 only modifies the
+// built-in reply of that endpoint (delay, headers, chunking, split writes) and
+// keeps its side effects.
 export interface Route {
   method?: string; // any method when absent or "*"
   path: string; // matched against the target when it holds "?", else against the path alone
@@ -18,6 +19,9 @@ export interface Route {
   json?: unknown; // body as JSON text (any JSON value, including null)
   body?: string; // body as UTF-8 text
   bodyBase64?: string;
+  // Large bodies, sent in pieces as the client reads them and never built whole in one reply:
+  bodyFile?: string; // the bytes of this file (read once, on first use)
+  jsonStringBytes?: number; // a JSON string ("xx...x") of exactly this many bytes, quotes included
   headers?: Headers; // extra headers; one named like a default header replaces it
   contentLength?: number | false; // lie about the length, or send none
   chunks?: number[]; // chunked transfer with these chunk sizes
@@ -72,6 +76,8 @@ const ROUTE_KEYS = new Set([
   "json",
   "body",
   "bodyBase64",
+  "bodyFile",
+  "jsonStringBytes",
   "headers",
   "contentLength",
   "chunks",
@@ -130,6 +136,13 @@ export const LIVE_KEYS = new Set([
 
 export class ScenarioError extends Error {}
 
+const BODY_KEYS = ["json", "body", "bodyBase64", "bodyFile", "jsonStringBytes"];
+
+// Whether the route's body is produced while it is sent rather than built first.
+export function isLarge(r: Route): boolean {
+  return r.bodyFile !== undefined || r.jsonStringBytes !== undefined;
+}
+
 function isObject(v: unknown): v is Record<string, unknown> {
   return typeof v === "object" && v !== null && !Array.isArray(v);
 }
@@ -154,10 +167,14 @@ export function checkRoute(r: unknown, where: string): Route {
     throw new ScenarioError(`${where}: "action" must be "reply", "close" or "hang"`);
   if (r.status !== undefined && !(nonNegInt(r.status) && (r.status as number) <= 999))
     throw new ScenarioError(`${where}: "status" must be an integer 0..999`);
-  for (const k of ["reason", "body", "bodyBase64", "raw", "rawBase64"])
+  for (const k of ["reason", "body", "bodyBase64", "bodyFile", "raw", "rawBase64"])
     if (r[k] !== undefined && typeof r[k] !== "string") throw new ScenarioError(`${where}: "${k}" must be a string`);
-  const bodies = ["json", "body", "bodyBase64"].filter((k) => k in r);
-  if (bodies.length > 1) throw new ScenarioError(`${where}: give only one of "json", "body", "bodyBase64"`);
+  if (r.jsonStringBytes !== undefined && !(nonNegInt(r.jsonStringBytes) && (r.jsonStringBytes as number) >= 2))
+    throw new ScenarioError(`${where}: "jsonStringBytes" must be an integer of at least 2`);
+  const bodies = BODY_KEYS.filter((k) => k in r);
+  if (bodies.length > 1) throw new ScenarioError(`${where}: give only one of ${BODY_KEYS.map((k) => `"${k}"`).join(", ")}`);
+  if (isLarge(r as unknown as Route) && r.writes !== undefined)
+    throw new ScenarioError(`${where}: "writes" cannot shape a "bodyFile" or "jsonStringBytes" body`);
   if ("raw" in r && "rawBase64" in r) throw new ScenarioError(`${where}: give only one of "raw", "rawBase64"`);
   if (r.headers !== undefined) {
     const ok = Array.isArray(r.headers)
@@ -228,6 +245,7 @@ export function routeReplaces(r: Route): boolean {
     "json" in r ||
     r.body !== undefined ||
     r.bodyBase64 !== undefined ||
+    isLarge(r) ||
     r.raw !== undefined ||
     r.rawBase64 !== undefined
   );

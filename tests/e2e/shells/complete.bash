@@ -1,0 +1,21 @@
+# bash complete.bash LINE WORD...   (SOURCE=printed|installed)
+# Loads the completion, finds the function registered for vorn, calls it as bash's completion
+# does (COMP_WORDS, COMP_CWORD, COMP_LINE, COMP_POINT, and the three arguments) and prints
+# the registration and COMPREPLY.
+line=$1; shift
+case $SOURCE in
+  printed) eval "$("$VORN_UNDER_TEST" shell-command completion bash)" ;;
+  installed)
+    # bash-completion's on-demand loader, as bash calls it for a command it has no completion for.
+    . /usr/share/bash-completion/bash_completion
+    loader=$(complete -p -D); loader=${loader##*-F }; loader=${loader%% *}
+    "$loader" vorn "" ""
+    ;;
+esac
+spec=$(complete -p vorn) || exit 3
+fn=${spec##*-F }; fn=${fn%% *}
+COMP_WORDS=("$@"); COMP_CWORD=$(( $# - 1 )); COMP_LINE=$line; COMP_POINT=${#line}
+COMPREPLY=()
+"$fn" vorn "${COMP_WORDS[COMP_CWORD]}" "${COMP_WORDS[COMP_CWORD-1]}"
+printf 'spec %s\n' "$spec"
+for w in "${COMPREPLY[@]}"; do printf 'word %s\n' "$w"; done
