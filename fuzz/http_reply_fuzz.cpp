@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "fuzz_check.h"
+#include "json/block_writer.h"
 #include "json/json.h"
 #include "transport/transport.h"
 
@@ -65,6 +66,15 @@ void checkReply(std::string_view bytes) {
   for (int indent : {0, 2}) {
     check(Transport::bodyText(raw, indent) == reply.body.serialized(indent),
           "the body's text is its value serialized", raw.body);
+  }
+  // Printed in small blocks at the depths the CLI prints replies at.
+  for (int depth : {0, 3}) {
+    std::string joined, expected;
+    BlockWriter out([&](std::string_view block) { joined += block; }, 16);
+    Transport::writeBody(raw, 2, depth, out);
+    out.flush();
+    reply.body.write(expected, 2, depth);
+    check(joined == expected, "the body's blocks are its value written at its depth", raw.body);
   }
   check(Transport::parseResponse(bytes).body == reply.body, "both ways to a reply agree");
 }

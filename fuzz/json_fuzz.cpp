@@ -1,11 +1,13 @@
 // The JSON parser as a round trip. Whatever parses serializes to text that parses back to an
 // equal value and serializes to the same text again; the reformatting writer gives exactly
-// the text of parse-then-serialize; and text that does not parse fails the same way in both.
+// the text of parse-then-serialize, whole or in blocks at a depth; and text that does not
+// parse fails the same way in every reader.
 #include <cmath>
 #include <optional>
 #include <string>
 
 #include "fuzz_check.h"
+#include "json/block_writer.h"
 #include "json/json.h"
 
 using namespace vorn;
@@ -78,6 +80,29 @@ std::optional<std::string> parseFailure(std::string_view text, std::optional<JSO
   }
 }
 
+// The writer that hands text on in blocks, at the depth a reply stands in a fan-out's rows:
+// the blocks joined are the value written at that depth, and text that does not parse hands
+// nothing on.
+void checkBlocks(std::string_view input, const std::optional<JSON>& value,
+                 const std::optional<std::string>& failure) {
+  constexpr int indent = 2, depth = 3;
+  std::string joined;
+  BlockWriter out([&](std::string_view block) { joined += block; }, 16);
+  try {
+    JSON::reformatTo(input, indent, depth, out);
+    out.flush();
+  } catch (const JSONParseError& e) {
+    check(failure == e.message, "the block writer fails exactly as the parser does", e.message);
+    check(joined.empty() && out.text().empty(), "text that does not parse hands nothing on");
+    return;
+  }
+  check(!failure, "the block writer reads what the parser reads");
+  std::string expected;
+  value->write(expected, indent, depth);
+  check(joined == expected, "the blocks are the value written at its depth",
+        joined + "\n---\n" + expected);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -85,6 +110,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::optional<JSON> value;
   std::optional<std::string> failure = parseFailure(input, value);
   if (failure) checkFailure(*failure, input);
+  checkBlocks(input, value, failure);
 
   for (int indent : {0, 2}) {
     std::optional<std::string> reformatted, reformatFailure;
