@@ -23,9 +23,8 @@ namespace {
 
 using testing::FakeInstanceServer;
 using testing::FakeReply;
-using testing::SeenRequest;
 using testing::SleepingChild;
-using testing::TempDir;
+using SeenRequest = testing::SeenRequest;
 
 // What an instance does with everything but the scan's GET /instance.
 enum class Kind { fast, slow, refused, closed, badReply, notJSON };
@@ -76,7 +75,7 @@ FakeReply replyOf(Kind kind, const SeenRequest& request) {
 
 struct FanoutThreadsTest : ::testing::Test {
   static constexpr size_t count = 32;
-  TempDir tmp;
+  testing::TempDir tmp;
   CapturedContext io;
   std::vector<std::unique_ptr<SleepingChild>> children;
   std::vector<std::unique_ptr<FakeInstanceServer>> servers;
