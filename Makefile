@@ -1,11 +1,11 @@
-# The front door: make (build), make dev, make test, make demo, make bench, make install,
-# make uninstall, make clean.
+# The front door: make (build), make dev, make test, make demo, make bench, make fuzz,
+# make install, make uninstall, make clean.
 BUILD   ?= build
 PREFIX  ?= /usr/local
 CMAKE_FLAGS ?=
 JOBS    ?= $(shell nproc 2>/dev/null || sysctl -n hw.ncpu 2>/dev/null || echo 2)
 
-.PHONY: all deps configure build dev test unit e2e demo bench bench-cli install uninstall clean format
+.PHONY: all deps configure build dev test unit e2e demo bench bench-cli fuzz fuzz-build fuzz-test install uninstall clean format
 
 all: build
 
@@ -32,6 +32,7 @@ dev:
 test: deps configure tests/node_modules/.installed
 	cmake --build $(BUILD) -j $(JOBS)
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+	$(MAKE) fuzz-test
 
 tests/node_modules/.installed: tests/package.json tests/package-lock.json
 	cd tests && npm ci --no-audit --no-fund
@@ -52,6 +53,28 @@ bench-build: deps
 	cmake -S . -B $(BUILD)-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DVORN_TESTS=OFF -DVORN_BENCH=ON
 	cmake --build $(BUILD)-bench -j $(JOBS)
 
+# libFuzzer targets (clang, AddressSanitizer, UndefinedBehaviorSanitizer) in a tree of their
+# own; `make fuzz` runs each for FUZZ_SECONDS, or FUZZ_RUNS executions when that is set.
+FUZZ_BUILD   ?= $(BUILD)-fuzz
+FUZZ_SECONDS ?= 60
+FUZZ_TARGETS ?= json http_reply flags file_target query
+FUZZ_CXX     ?= clang++
+
+fuzz-build: deps
+	cmake -S . -B $(FUZZ_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_COMPILER=$(FUZZ_CXX) \
+	  -DVORN_TESTS=OFF -DVORN_FUZZ=ON
+	cmake --build $(FUZZ_BUILD) --target fuzz_targets -j $(JOBS)
+
+# The short run of every target that `make test` includes (about a minute). A compiler without
+# libFuzzer (Apple's clang) skips it with a notice; FUZZ_CXX names another one.
+fuzz-test:
+	@if scripts/fuzz.sh --can-build $(FUZZ_CXX); then \
+	  $(MAKE) fuzz-build && cd $(FUZZ_BUILD) && ctest --output-on-failure; \
+	else echo "fuzz: skipped: $(FUZZ_CXX) cannot build libFuzzer targets (set FUZZ_CXX)"; fi
+
+fuzz: fuzz-build
+	@for t in $(FUZZ_TARGETS); do FUZZ_SECONDS=$(FUZZ_SECONDS) FUZZ_RUNS=$(FUZZ_RUNS) scripts/fuzz.sh $(FUZZ_BUILD) $$t || exit 1; done
+
 # The binary, the completion scripts and the manual page, by the build's install rules (the
 # same as cmake --install); DESTDIR is honoured. The list of what went where is kept in
 # $(BUILD)/install_manifest.txt, and make uninstall (with the same DESTDIR) removes exactly that.
@@ -65,4 +88,4 @@ format:
 	clang-format -i $$(git ls-files 'cli/*.cpp' 'cli/*.h' 'bench/*.cpp')
 
 clean:
-	rm -rf $(BUILD) $(BUILD)-bench
+	rm -rf $(BUILD) $(BUILD)-bench $(FUZZ_BUILD)

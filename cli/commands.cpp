@@ -17,8 +17,10 @@ namespace {
 // Verb handlers take the registry service; the router knows only Flags and Context.
 std::map<std::string, Handler> adapt(const VerbTable& verbs) {
   std::map<std::string, Handler> out;
-  for (const auto& [name, handler] : verbs) {
-    out[name] = [handler](const Flags& flags, Context& ctx) {
+  for (const auto& entry : verbs) {
+    // Named copy: older clang cannot capture a structured binding.
+    const auto& handler = entry.second;
+    out[entry.first] = [handler](const Flags& flags, Context& ctx) {
       Instances instances{ctx};
       handler(flags, instances);
     };

@@ -19,6 +19,13 @@ need man man-db
 [ -f /usr/share/bash-completion/bash_completion ] || missing+=(bash-completion)
 [ -f /usr/include/gtest/gtest.h ] || missing+=(libgtest-dev)
 [ -f /usr/include/benchmark/benchmark.h ] || missing+=(libbenchmark-dev)
+# The fuzz targets: clang with its libFuzzer and sanitizer runtimes.
+if ! command -v clang++ >/dev/null 2>&1; then
+  missing+=(clang libclang-rt-dev)
+elif [ "$(uname)" = Linux ] &&
+  [ ! -f "$(clang++ -print-resource-dir)/lib/linux/libclang_rt.fuzzer-$(uname -m).a" ]; then
+  missing+=(libclang-rt-dev)
+fi
 
 if [ ${#missing[@]} -gt 0 ]; then
   if [ "$(uname)" != Linux ] || ! command -v apt-get >/dev/null 2>&1; then

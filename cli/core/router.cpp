@@ -9,6 +9,7 @@
 #include "core/help.h"
 #include "paths/file_target.h"
 #include "paths/paths.h"
+#include "transport/deadline.h"
 
 namespace vorn {
 
@@ -33,6 +34,15 @@ bool isVersionWord(const std::string& word) {
   return word == "version" || word == "--version" || word == "-V";
 }
 
+// VORN_TIMEOUT: the limit of each exchange with an instance, in seconds; none when it is not
+// set or empty. A bad value is a usage error before anything is asked of an instance.
+std::optional<double> exchangeTimeout(const Context& ctx) {
+  const std::string* text = ctx.getenv("VORN_TIMEOUT");
+  if (!text || text->empty()) return std::nullopt;
+  if (std::optional<double> seconds = Transport::parseTimeout(*text)) return seconds;
+  throw usageError("VORN_TIMEOUT must be a positive number of seconds (got " + *text + ")");
+}
+
 }  // namespace
 
 Outcome VornCLI::main(const std::vector<std::string>& args, Context& ctx,
@@ -52,6 +62,9 @@ Outcome VornCLI::main(const std::vector<std::string>& args, Context& ctx,
 
 Outcome VornCLI::run(const std::vector<std::string>& args, Context& ctx, const Commands& commands,
                      bool& json) {
+  // Set once, before any handler runs or starts a thread. `dev` hands the line over untouched.
+  bool handedOver = !args.empty() && args[0] == "dev";
+  if (!handedOver) Transport::setTimeout(exchangeTimeout(ctx));
   if (!args.empty() && isVersionWord(args[0])) {
     Flags flags = parseFlags(rest(args, 1), {});
     commands.version(flags, ctx);

@@ -12,6 +12,7 @@
 #include "core/cli_error.h"
 #include "core/help.h"
 #include "core/test_support.h"
+#include "transport/deadline.h"
 
 namespace vorn {
 namespace {
@@ -51,6 +52,9 @@ struct RouterTest : ::testing::Test {
       return Outcome::exec({"bun", "x"}, "/root");
     };
   }
+
+  // A run sets the exchange limit of the process; later tests start without one.
+  ~RouterTest() override { Transport::setTimeout(std::nullopt); }
 
   Outcome run(const Words& args) { return VornCLI::main(args, io.ctx, commands); }
 };
@@ -228,6 +232,53 @@ TEST_F(RouterTest, OddArgumentVectorsNeverCrash) {
     ASSERT_NE(exit, nullptr);
     EXPECT_TRUE(exit->code == 0 || exit->code == 2) << exit->code;
   }
+}
+
+TEST_F(RouterTest, TimeoutIsTakenFromTheEnvironmentBeforeAnythingRuns) {
+  std::optional<double> seen;
+  commands.handlers["instance"]["list"] = [&](const Flags&, Context&) {
+    seen = Transport::timeout();
+  };
+  io.ctx.env["VORN_TIMEOUT"] = "0.5";
+  EXPECT_EQ(run({"instance", "list"}), Outcome::exit(0));
+  EXPECT_EQ(seen, 0.5);
+
+  io.ctx.env["VORN_TIMEOUT"] = "";  // empty: as if not set
+  EXPECT_EQ(run({"instance", "list"}), Outcome::exit(0));
+  EXPECT_EQ(seen, std::nullopt);
+  io.ctx.env["VORN_TIMEOUT"] = "3";
+  EXPECT_EQ(run({"instance", "list"}), Outcome::exit(0));
+  io.ctx.env.erase("VORN_TIMEOUT");
+  EXPECT_EQ(run({"instance", "list"}), Outcome::exit(0));
+  EXPECT_EQ(seen, std::nullopt);
+}
+
+TEST_F(RouterTest, ABadTimeoutIsAUsageErrorNamingTheVariable) {
+  for (const char* bad : {"0", "-1", "abc", "1e3", " 1", "inf", "nan", "1.2.3", "."}) {
+    io.err.clear();
+    io.ctx.env["VORN_TIMEOUT"] = bad;
+    EXPECT_EQ(run({"instance", "list"}), Outcome::exit(2)) << bad;
+    EXPECT_EQ(io.err, "vorn: VORN_TIMEOUT must be a positive number of seconds (got " +
+                          std::string(bad) + ")\n");
+  }
+  EXPECT_TRUE(calls.empty());
+
+  io.err.clear();
+  io.ctx.env["VORN_TIMEOUT"] = "soon";
+  EXPECT_EQ(run({"-o", "json", "instance", "list"}), Outcome::exit(2));
+  EXPECT_EQ(io.err,
+            "{\"error\":\"VORN_TIMEOUT must be a positive number of seconds (got soon)\","
+            "\"code\":2}\n");
+  io.err.clear();
+  EXPECT_EQ(run({"version"}), Outcome::exit(2));
+  EXPECT_FALSE(versionFlags);
+  EXPECT_EQ(run({"help"}), Outcome::exit(2));
+}
+
+TEST_F(RouterTest, DevIsHandedOverWhateverTheTimeout) {
+  io.ctx.env["VORN_TIMEOUT"] = "never";
+  EXPECT_EQ(run({"dev", "x"}), Outcome::exec({"bun", "x"}, "/root"));
+  EXPECT_EQ(io.err, "");
 }
 
 struct ShorthandTest : RouterTest {

@@ -12,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cctype>
 #include <chrono>
@@ -94,7 +95,9 @@ struct SeenRequest {
 struct FakeReply {
   int status = 200;
   std::string body;
-  bool hangUp = false;  // close the connection without any reply
+  bool hangUp = false;         // close the connection without any reply
+  bool stopListening = false;  // after this reply, close the socket: later connects are refused
+  std::optional<std::string> raw = std::nullopt;  // these bytes instead of a well-formed reply
 };
 
 // A control server on a Unix socket that answers each connection with one reply from
@@ -138,7 +141,8 @@ class FakeInstanceServer {
     if (!thread_.joinable()) return;
     stopping_ = true;
     thread_.join();
-    ::close(fd_);
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
   }
 
   std::vector<SeenRequest> requests() const {
@@ -154,13 +158,19 @@ class FakeInstanceServer {
       if (::poll(&p, 1, 20) <= 0) continue;
       int client = ::accept(fd_, nullptr, nullptr);
       if (client < 0) continue;
-      answer(client);
+      bool last = answer(client);
       ::close(client);
+      if (last) {
+        ::close(fd_);
+        fd_ = -1;
+        return;
+      }
     }
   }
 
-  // Reads one request (header and Content-Length body) with a deadline, then replies.
-  void answer(int client) {
+  // Reads one request (header and Content-Length body) with a deadline, then replies; true
+  // when the reply asked to stop listening.
+  bool answer(int client) {
     std::string bytes;
     size_t headerEnd = std::string::npos;
     size_t wanted = 0;
@@ -184,7 +194,7 @@ class FakeInstanceServer {
         }
       }
     }
-    if (headerEnd == std::string::npos) return;
+    if (headerEnd == std::string::npos) return false;
     SeenRequest request;
     size_t lineEnd = bytes.find("\r\n");
     std::string line = bytes.substr(0, lineEnd);
@@ -198,17 +208,19 @@ class FakeInstanceServer {
       seen_.push_back(request);
     }
     FakeReply reply = handler_(request);
-    if (reply.hangUp) return;
-    std::string out = "HTTP/1.1 " + std::to_string(reply.status) +
-                      " X\r\nContent-Type: application/json\r\nContent-Length: " +
-                      std::to_string(reply.body.size()) + "\r\nConnection: close\r\n\r\n" +
-                      reply.body;
+    if (reply.hangUp) return reply.stopListening;
+    std::string out = reply.raw ? *reply.raw
+                                : "HTTP/1.1 " + std::to_string(reply.status) +
+                                      " X\r\nContent-Type: application/json\r\nContent-Length: " +
+                                      std::to_string(reply.body.size()) +
+                                      "\r\nConnection: close\r\n\r\n" + reply.body;
     size_t sent = 0;
     while (sent < out.size()) {
       ssize_t n = ::send(client, out.data() + sent, out.size() - sent, MSG_NOSIGNAL);
       if (n <= 0) break;
       sent += static_cast<size_t>(n);
     }
+    return reply.stopListening;
   }
 
   std::string path_;
@@ -221,15 +233,33 @@ class FakeInstanceServer {
 };
 
 // A helper process that sleeps until the test ends it; its pid names a live process.
+// It also ends by itself when the test process dies (a crashed test leaves nothing behind):
+// it holds only the reading end of a pipe whose writing end the test keeps, and exits at its
+// end of file. Holding nothing else, it never keeps the test's output pipes open either.
 class SleepingChild {
  public:
   SleepingChild() {
+    int lifeline[2];
+    if (::pipe(lifeline) != 0) throw std::runtime_error("pipe failed");
+    long most = std::min(::sysconf(_SC_OPEN_MAX), 65536L);
     pid_ = ::fork();
     if (pid_ == 0) {
-      while (true)
-        ::pause();
+      for (int fd = 0; fd < most; ++fd) {
+        if (fd != lifeline[0]) ::close(fd);
+      }
+      char byte;
+      ssize_t n;
+      do {
+        n = ::read(lifeline[0], &byte, 1);
+      } while (n > 0 || (n < 0 && errno == EINTR));
+      ::_exit(0);
     }
-    if (pid_ < 0) throw std::runtime_error("fork failed");
+    ::close(lifeline[0]);
+    if (pid_ < 0) {
+      ::close(lifeline[1]);
+      throw std::runtime_error("fork failed");
+    }
+    lifeline_ = lifeline[1];
   }
   SleepingChild(const SleepingChild&) = delete;
   SleepingChild& operator=(const SleepingChild&) = delete;
@@ -242,11 +272,13 @@ class SleepingChild {
     while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
     }
     pid_ = -1;
+    ::close(lifeline_);
   }
   pid_t pid() const { return pid_; }
 
  private:
   pid_t pid_ = -1;
+  int lifeline_ = -1;
 };
 
 // The pid of a child that has exited and been reaped.

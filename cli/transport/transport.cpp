@@ -12,6 +12,7 @@
 #include <exception>
 #include <utility>
 
+#include "transport/deadline.h"
 #include "transport/unique_fd.h"
 
 namespace vorn {
@@ -33,12 +34,16 @@ std::string systemError(std::string_view prefix, int err) {
 }
 
 // A socket whose writes never raise SIGPIPE and that does not leak into programs we exec.
+// It does not block: every wait is a poll() that the exchange's deadline bounds.
 int openSocket() {
-#ifdef SOCK_CLOEXEC
-  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+#if defined(SOCK_CLOEXEC) && defined(SOCK_NONBLOCK)
+  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
 #else
   int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-  if (fd >= 0) ::fcntl(fd, F_SETFD, FD_CLOEXEC);
+  if (fd >= 0) {
+    ::fcntl(fd, F_SETFD, FD_CLOEXEC);
+    ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
+  }
 #endif
   if (fd < 0) throw TransportError{systemError("socket: ", errno)};
 #ifdef SO_NOSIGPIPE
@@ -48,7 +53,22 @@ int openSocket() {
   return fd;
 }
 
-void connectUnix(int fd, const std::string& sock) {
+bool wouldBlock(int err) {
+  return err == EAGAIN || err == EWOULDBLOCK;
+}
+
+// Waits until the socket is ready for `events` or the deadline passes; a poll interrupted by
+// a signal is repeated with the time that is left.
+void awaitReady(int fd, short events, const Deadline& deadline, std::string_view failure) {
+  pollfd p{fd, events, 0};
+  while (true) {
+    int ready = ::poll(&p, 1, deadline.pollMs());
+    if (ready > 0) return;
+    if (ready < 0 && errno != EINTR) throw TransportError{systemError(failure, errno)};
+  }
+}
+
+void connectUnix(int fd, const std::string& sock, const Deadline& deadline) {
   if (sock.size() > maxSocketPathBytes) {
     throw TransportError{"socket path too long: " + sock};
   }
@@ -56,27 +76,27 @@ void connectUnix(int fd, const std::string& sock) {
   std::memset(&addr, 0, sizeof addr);
   addr.sun_family = AF_UNIX;
   std::memcpy(addr.sun_path, sock.data(), sock.size());
-  if (::connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0) return;
-  int err = errno;
-  if (err == EINTR) {
-    // An interrupted connect goes on in the background; wait for its result.
-    pollfd p{fd, POLLOUT, 0};
-    int ready;
-    do {
-      ready = ::poll(&p, 1, -1);
-    } while (ready < 0 && errno == EINTR);
-    socklen_t len = sizeof err;
-    if (ready < 0) {
-      err = errno;
-    } else if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0) {
-      err = errno;
-    }
-    if (err == 0) return;
+  auto attempt = [&] {
+    return ::connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0 ? 0 : errno;
+  };
+  int err = attempt();
+  // A full listen queue (EAGAIN on Linux) leaves the socket unconnected. A blocking connect
+  // would wait for room; this one tries again after a growing pause, within the deadline.
+  for (int pauseMs = 1; wouldBlock(err); pauseMs = std::min(pauseMs * 2, 50)) {
+    int left = deadline.pollMs();
+    ::poll(nullptr, 0, left < 0 ? pauseMs : std::min(pauseMs, left));
+    err = attempt();
   }
-  throw TransportError{"connect " + sock + ": " + std::strerror(err)};
+  if (err == EINPROGRESS || err == EINTR) {
+    // The connection is being made in the background; wait for its result.
+    awaitReady(fd, POLLOUT, deadline, "connect " + sock + ": ");
+    socklen_t len = sizeof err;
+    if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0) err = errno;
+  }
+  if (err != 0) throw TransportError{"connect " + sock + ": " + std::strerror(err)};
 }
 
-void writeAll(int fd, std::string_view bytes) {
+void writeAll(int fd, std::string_view bytes, const Deadline& deadline) {
 #ifdef MSG_NOSIGNAL
   constexpr int flags = MSG_NOSIGNAL;
 #else
@@ -87,6 +107,10 @@ void writeAll(int fd, std::string_view bytes) {
     ssize_t n = ::send(fd, bytes.data() + sent, bytes.size() - sent, flags);
     if (n < 0) {
       if (errno == EINTR) continue;
+      if (wouldBlock(errno)) {
+        awaitReady(fd, POLLOUT, deadline, "write: ");
+        continue;
+      }
       throw TransportError{systemError("write: ", errno)};
     }
     sent += static_cast<size_t>(n);
@@ -232,7 +256,7 @@ TransportError tooLarge(size_t maxBytes) {
 // block. Once the header has told the body's length the block is made exactly that large;
 // otherwise it doubles when full, which realloc does without copying a large block. A reply of
 // more than maxBytes is not read further.
-ReplyBytes readAll(int fd, size_t maxBytes) {
+ReplyBytes readAll(int fd, size_t maxBytes, const Deadline& deadline) {
   ReplyBytes out;
   out.reserve(readChunkBytes);
   bool presized = false;
@@ -242,6 +266,10 @@ ReplyBytes readAll(int fd, size_t maxBytes) {
     ssize_t n = ::recv(fd, out.spare(), out.spareSize(), 0);
     if (n < 0) {
       if (errno == EINTR) continue;
+      if (wouldBlock(errno)) {
+        awaitReady(fd, POLLIN, deadline, "read: ");
+        continue;
+      }
       throw TransportError{systemError("read: ", errno)};
     }
     if (n == 0) break;
@@ -377,12 +405,14 @@ Reply parseResponse(std::string_view bytes) {
 
 RawReply exchange(const std::string& sock, std::string_view method, std::string_view path,
                   const JSON* body, size_t maxBytes) {
+  // One deadline for connect, write and read together (none unless VORN_TIMEOUT set one).
+  Deadline deadline(timeout());
   ReplyBytes bytes;
   {
     UniqueFd fd(openSocket());
-    connectUnix(fd.get(), sock);
-    writeAll(fd.get(), buildRequest(method, path, body));
-    bytes = readAll(fd.get(), maxBytes);
+    connectUnix(fd.get(), sock, deadline);
+    writeAll(fd.get(), buildRequest(method, path, body), deadline);
+    bytes = readAll(fd.get(), maxBytes, deadline);
   }
   return parseRawResponse(std::move(bytes));
 }

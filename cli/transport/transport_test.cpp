@@ -18,20 +18,14 @@
 #include <vector>
 
 #include "paths/test_files.h"
+#include "transport/test_transport.h"
 
 namespace vorn {
 namespace {
 
 using namespace std::string_literals;
 
-std::string describe(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const TransportError& e) {
-    return e.description;
-  }
-  return "<no error>";
-}
+using testing::describe;
 
 std::string parseError(std::string_view bytes) {
   return describe([&] { Transport::parseResponse(bytes); });
