@@ -376,14 +376,6 @@ Reply toReply(const RawReply& raw) {
   return reply;
 }
 
-std::string bodyText(const RawReply& raw, int indent) {
-  try {
-    return JSON::reformat(raw.body, indent);
-  } catch (const JSONParseError&) {
-    return notJSON(raw.status, raw.body).serialized(indent);
-  }
-}
-
 void writeBody(const RawReply& raw, int indent, int depth, BlockWriter& out) {
   try {
     JSON::reformatTo(raw.body, indent, depth, out);

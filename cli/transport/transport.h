@@ -50,9 +50,6 @@ RawReply exchange(const std::string& sock, std::string_view method, std::string_
 // (<its first 120 characters>)"}.
 Reply toReply(const RawReply& raw);
 JSON notJSON(int status, std::string_view text);
-// The body as JSON text at the given indent, as toReply(raw).body.serialized(indent) would give
-// it, but written from the received text without building the value.
-std::string bodyText(const RawReply& raw, int indent);
 // The same text as toReply(raw).body.write(text, indent, depth) would add, handed on a block at a
 // time: a large reply is printed without being held twice.
 void writeBody(const RawReply& raw, int indent, int depth, BlockWriter& out);
