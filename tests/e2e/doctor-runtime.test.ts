@@ -6,8 +6,7 @@ import fs from "node:fs";
 import path from "node:path";
 import type { Sandbox } from "./harness";
 import { doctor, fresh, goRows, packsCheckout, privateRoot, row, type Row, useDoctorSandbox } from "./doctor";
-import { exists } from "./installs";
-import { byPid, DASH, expectCalls, pretty } from "./support";
+import { byPid, DASH, exists, expectCalls, pretty } from "./support";
 
 setDefaultTimeout(60000);
 

@@ -2,7 +2,6 @@
 // tests: a checkout with a real script CLI and a stand-in native build, an app bundle, a
 // Homebrew link, the real Bun on PATH, and the few system tools the shim calls.
 
-import fs from "node:fs";
 import path from "node:path";
 import type { Sandbox } from "./harness";
 import { checkout } from "./support";
@@ -93,14 +92,4 @@ export function brewVorn(sb: Sandbox, rel = "brew"): { prefix: string; link: str
 /** The shim path of a sandbox. */
 export function shimPath(sb: Sandbox): string {
   return path.join(sb.home, ".local/bin/vorn");
-}
-
-/** Whether a path holds a file, folder or link, without following it. */
-export function exists(p: string): boolean {
-  try {
-    fs.lstatSync(p);
-    return true;
-  } catch {
-    return false;
-  }
 }

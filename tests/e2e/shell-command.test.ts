@@ -10,7 +10,6 @@ import {
   bash,
   brewVorn,
   bunOnPath,
-  exists,
   fakeApp,
   nativeBuild,
   nativeRel,
@@ -21,7 +20,7 @@ import {
   touchSource,
   vornBin,
 } from "./installs";
-import { checkout, DASH, pretty, useSandbox } from "./support";
+import { checkout, DASH, exists, pretty, useSandbox } from "./support";
 
 setDefaultTimeout(60000);
 

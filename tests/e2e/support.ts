@@ -1,6 +1,6 @@
 // Helpers the end-to-end tests share: a sandbox per test or per file, the exact bytes vorn
 // sends for a request, views of what a simulated instance received, and texts vorn prints
-// (pretty JSON, the instance table).
+// (pretty JSON, the instance table), and whether a path is there.
 //
 //   let sb: Sandbox;
 //   useSandbox((fresh) => (sb = fresh));
@@ -9,6 +9,7 @@
 //   expectCalls(a, [["POST", "/openFile", '{"path":"main.go"}']]);
 
 import { afterAll, afterEach, beforeAll, beforeEach, expect } from "bun:test";
+import fs from "node:fs";
 import { sandbox, type Sandbox, type Sim, type SimRequest } from "./harness";
 
 /** The em dash of vorn's hints, as in "2 instances running — pass -i ID". */
@@ -132,4 +133,14 @@ export function instanceTable(sims: Sim[], columns: InstanceColumns = {}): strin
 export function checkout(sb: Sandbox, rel: string): string {
   for (const marker of ["MODULE.bazel", "tools/go.pin", "src/cli/vorn.ts"]) sb.file(`${rel}/${marker}`, "");
   return sb.path(rel);
+}
+
+/** Whether a path holds a file, folder or link, without following it. */
+export function exists(p: string): boolean {
+  try {
+    fs.lstatSync(p);
+    return true;
+  } catch {
+    return false;
+  }
 }

@@ -4,8 +4,7 @@
 import { describe, expect, test } from "bun:test";
 import path from "node:path";
 import type { Sandbox } from "./harness";
-import { exists } from "./installs";
-import { byPid, checkout, expectSent, instanceTable, only, requestLog, useSandbox } from "./support";
+import { byPid, checkout, exists, expectSent, instanceTable, only, requestLog, useSandbox } from "./support";
 
 let sb: Sandbox;
 useSandbox((fresh) => (sb = fresh));
