@@ -118,10 +118,10 @@ TEST(HostArgv, EditionConditionOnlyFromSource) {
             (std::vector<std::string>{"bun", "--conditions=vorn-edition-markdown",
                                       "/r/src/bun/headless.ts"}));
   EXPECT_EQ(
-      hostArgv(bundled, env, "/work"),
-      (std::vector<std::string>{"/A.app/Contents/MacOS/bun", "/A.app/x/headless.js", "/work"}));
-  EXPECT_EQ(hostArgv(source, {{"VORN_EDITION", ""}}, "/work"),
-            (std::vector<std::string>{"bun", "/r/src/bun/headless.ts", "/work"}));
+      hostArgv(bundled, env, "/projects/app"),
+      (std::vector<std::string>{"/A.app/Contents/MacOS/bun", "/A.app/x/headless.js", "/projects/app"}));
+  EXPECT_EQ(hostArgv(source, {{"VORN_EDITION", ""}}, "/projects/app"),
+            (std::vector<std::string>{"bun", "/r/src/bun/headless.ts", "/projects/app"}));
   EXPECT_EQ(hostArgv(source, {}, std::nullopt),
             (std::vector<std::string>{"bun", "/r/src/bun/headless.ts"}));
 }

@@ -281,12 +281,12 @@ TEST(ServerStart, InTheForegroundTheCliBecomesTheCheckoutsHost) {
   TempDir tmp;
   KeepCwd keep;
   std::string root = tmp.checkout("repo");
-  std::string work = tmp.dir("repo/pkg/work");
+  std::string site = tmp.dir("repo/pkg/site");
   CapturedContext io(root + "/pkg");
   io.ctx.env = {{"XDG_RUNTIME_DIR", "/run/user/7/"}, {"VORN_EDITION", "markdown"}};
-  Outcome outcome = serverStart(withArgs({"work/../work/."}), io.ctx);
+  Outcome outcome = serverStart(withArgs({"site/../site/."}), io.ctx);
   EXPECT_EQ(outcome, Outcome::execHost({"bun", "--conditions=vorn-edition-markdown",
-                                        root + "/src/bun/headless.ts", work},
+                                        root + "/src/bun/headless.ts", site},
                                        {{"XDG_RUNTIME_DIR", "/run/user/7"}}, {}));
   EXPECT_EQ(KeepCwd::now(), root);
   EXPECT_EQ(io.out, "");

@@ -105,7 +105,7 @@ describe("remote ssh --no-window", () => {
     useProbe(sb);
     const cases: [string, string][] = [
       ["./cfg", `${root}/cfg`],
-      ["../work/ssh config", `${sb.work}/ssh config`],
+      ["../configs/ssh config", `${sb.path("configs")}/ssh config`],
       [`conf/'q"uote;$(x)*?\\`, `${root}/conf/'q"uote;$(x)*?\\`],
       ["/etc//ssh/./cfg/", "/etc/ssh/cfg"],
       ["-F", `${root}/-F`],

@@ -58,10 +58,10 @@ function expectNothingLeft(): void {
 describe("server start --detach", () => {
   test("comes up, is listed, and is stopped by instance quit", async () => {
     const root = hostCheckout(sb, "repo");
-    const work = sb.dir("work/app");
+    const work = sb.dir("projects/app");
     useRealBun(sb);
     expect(fs.existsSync(sb.runtimeRoot)).toBe(false);
-    const r = await sb.run(["server", "start", "--detach", "../work/./app/"], { cwd: root });
+    const r = await sb.run(["server", "start", "--detach", "../projects/./app/"], { cwd: root });
     expect(r.stderr).toBe("");
     expect(r.code).toBe(0);
     const host = parseStarted(r.stdout)!;
