@@ -10,14 +10,7 @@ bool isHelp(const std::optional<std::string_view>& word) {
   return word && (*word == "help" || *word == "--help" || *word == "-h");
 }
 
-std::string joinLines(const std::vector<std::string>& lines) {
-  std::string out;
-  for (size_t i = 0; i < lines.size(); ++i) {
-    if (i) out += '\n';
-    out += lines[i];
-  }
-  return out;
-}
+std::string joinLines(const std::vector<std::string>& lines) { return joinWords(lines, "\n"); }
 
 namespace {
 
@@ -83,11 +76,7 @@ std::vector<std::string> globalHelp(const std::vector<OptionSpec>& verbOptions) 
   }
   append(lines, optionLines(shown));
   if (!clashing.empty()) {
-    std::string line = "  (";
-    for (size_t i = 0; i < clashing.size(); ++i)
-      line += (i ? "; " : "") + clashing[i];
-    line += ": this verb's own option above)";
-    lines.push_back(std::move(line));
+    lines.push_back("  (" + joinWords(clashing, "; ") + ": this verb's own option above)");
   }
   append(lines, {
                     "  Mutating verbs with no selector act on the only instance (run from a "

@@ -45,4 +45,13 @@ std::string_view trimBlanks(std::string_view text) {
   return text.substr(begin, text.find_last_not_of(blanks) - begin + 1);
 }
 
+std::string joinWords(const std::vector<std::string>& words, std::string_view separator) {
+  std::string out;
+  for (size_t i = 0; i < words.size(); ++i) {
+    if (i) out += separator;
+    out += words[i];
+  }
+  return out;
+}
+
 }  // namespace vorn

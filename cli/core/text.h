@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace vorn {
 
@@ -17,5 +18,7 @@ void appendPadded(std::string& out, std::string_view text, size_t width);
 std::optional<int64_t> parseSignedInteger(std::string_view text);
 // text without the blanks (spaces, tabs, line ends) around it.
 std::string_view trimBlanks(std::string_view text);
+// The words one after the other, with the separator between each two.
+std::string joinWords(const std::vector<std::string>& words, std::string_view separator = " ");
 
 }  // namespace vorn

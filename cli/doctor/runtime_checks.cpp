@@ -38,10 +38,7 @@ std::string entryList(const std::string& dir) {
   }
   if (names.empty()) return "nothing";
   std::sort(names.begin(), names.end());
-  std::string out;
-  for (const std::string& name : names)
-    out += (out.empty() ? "" : ", ") + name;
-  return out;
+  return joinWords(names, ", ");
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include "core/cli_error.h"
+#include "core/text.h"
 #include "paths/checkout.h"
 #include "paths/paths.h"
 
@@ -22,25 +23,14 @@ Outcome delegate(const Context& ctx, const std::vector<std::string>& args,
   return Outcome::exec(std::move(argv), root);
 }
 
-namespace {
-
-std::string trimmed(const std::string& text) {
-  const char* blanks = " \t\r\n";
-  size_t begin = text.find_first_not_of(blanks);
-  if (begin == std::string::npos) return "";
-  size_t end = text.find_last_not_of(blanks);
-  return text.substr(begin, end - begin + 1);
-}
-
-}  // namespace
-
 std::string execFailure(const std::string& program, int error,
                         const std::optional<std::string>& root) {
   if (program == "bun" && error == ENOENT) {
     std::string where = root ? " in " + *root : "";
     std::string what =
         root ? "Bun >= " +
-                   trimmed(Paths::readFile(Paths::join({*root, ".bun-version"})).value_or(""))
+                   std::string(trimBlanks(
+                       Paths::readFile(Paths::join({*root, ".bun-version"})).value_or("")))
              : "Bun";
     return "vorn: bun not on PATH \u2014 run `direnv allow`" + where + ", or install " + what +
            " (https://bun.sh puts it in ~/.bun/bin)\n";

@@ -59,7 +59,7 @@ void writeReadRow(BlockWriter& out, const std::string& id, const RawReply& reply
   std::string& text = out.text();
   text += "{\n      \"id\": ";
   JSON::appendQuoted(text, id);
-  text += reply.status >= 200 && reply.status <= 299 ? ",\n      \"ok\": true"
+  text += reply.ok() ? ",\n      \"ok\": true"
                                                      : ",\n      \"ok\": false";
   text += ",\n      \"body\": ";
   Transport::writeBody(reply, 2, 3, out);
@@ -167,7 +167,7 @@ void Instances::readEach(const std::string& method, const std::string& path, con
     }
     Transport::printBody(reply, ctx.writeOut);
     // The body printed above already says what went wrong.
-    if (reply.status < 200 || reply.status > 299) throw CliError{"", 1};
+    if (!reply.ok()) throw CliError{"", 1};
     return;
   }
 

@@ -3,13 +3,11 @@
 
 #include <algorithm>
 #include <chrono>
-#include <exception>
 
 #include "core/text.h"
 #include "instances/instances.h"
 #include "paths/checkout.h"
 #include "paths/paths.h"
-#include "transport/transport.h"
 
 namespace vorn {
 
@@ -21,24 +19,6 @@ const char* const checkoutHint = "vorn dev app start, or pass -i ID (see vorn in
 // How often waitForExit looks again.
 constexpr useconds_t exitPollMicroseconds = 100000;
 constexpr double maxWaitSeconds = 1e9;
-
-// The record the instance gives now through the socket we know it by, as a probe builds it.
-std::optional<InstanceInfo> currentRecord(const InstanceInfo& instance) {
-  try {
-    Reply reply = Transport::request(instance.socketPath, "GET", "/instance", nullptr,
-                                     Transport::recordReplyBytes);
-    if (!reply.ok()) return std::nullopt;
-    std::optional<InstanceInfo> info = InstanceInfo::fromJSON(reply.body);
-    if (!info) return std::nullopt;
-    info->socketPath = instance.socketPath;
-    info->foreign = isForeignHost(*info, instance.socketPath);
-    return info;
-  } catch (const TransportError&) {
-    return std::nullopt;
-  } catch (const std::exception&) {
-    return std::nullopt;
-  }
-}
 
 }  // namespace
 
@@ -214,7 +194,7 @@ bool Instances::waitForExit(const InstanceInfo& instance, double timeoutSeconds)
   while (Clock::now() < deadline) {
     bool gone = !instance.foreign && !pidAlive(instance.pid);
     if (!gone) {
-      std::optional<InstanceInfo> now = currentRecord(instance);
+      std::optional<InstanceInfo> now = probeInstance(instance.socketPath);
       gone = !now || !(*now == instance);
     }
     if (gone) {

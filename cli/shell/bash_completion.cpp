@@ -1,3 +1,4 @@
+#include "core/text.h"
 #include "shell/bash_completion.h"
 
 #include <utility>
@@ -66,9 +67,7 @@ std::string functions(const CompletionModel& model) {
   addRows(verbs, flags, first, model.nouns, "");
   addRows(verbs, flags, first, model.devNouns, "dev ");
 
-  std::string valueFlags;
-  for (const std::string& word : model.valueFlags)
-    valueFlags += (valueFlags.empty() ? "" : " | ") + word;
+  std::string valueFlags = joinWords(model.valueFlags, " | ");
 
   std::string out;
   out += "# True when the word is a flag that takes a value (product and dev flags alike): the\n";

@@ -1,6 +1,7 @@
 #include "shell/completion.h"
 
 #include "core/cli_error.h"
+#include "core/text.h"
 #include "shell/completion_model.h"
 
 namespace vorn {

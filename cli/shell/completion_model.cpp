@@ -40,13 +40,6 @@ std::vector<std::string> flagWords(const std::vector<OptionSpec>& options) {
   return words;
 }
 
-std::string joinWords(const std::vector<std::string>& words, const std::string& separator) {
-  std::string out;
-  for (size_t i = 0; i < words.size(); ++i)
-    out += (i ? separator : "") + words[i];
-  return out;
-}
-
 CompletionModel completionModel() {
   CompletionModel model;
   model.globals = globalOptions();

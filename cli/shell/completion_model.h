@@ -48,7 +48,5 @@ CompletionModel completionModel();
 // The words a user may type for these options: each long name, then its alias.
 std::vector<std::string> flagWords(const std::vector<OptionSpec>& options);
 
-// The words joined with `separator` (a single space unless given).
-std::string joinWords(const std::vector<std::string>& words, const std::string& separator = " ");
 
 }  // namespace vorn

@@ -1,3 +1,4 @@
+#include "core/text.h"
 #include "shell/completion_model.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+#include "core/text.h"
 #include "shell/fish_completion.h"
 
 namespace vorn {

@@ -21,6 +21,7 @@ struct Reply {
 struct RawReply {
   int status = 0;
   ReplyBytes body;
+  bool ok() const { return status >= 200 && status <= 299; }
 };
 
 struct TransportError {

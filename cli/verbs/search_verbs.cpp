@@ -262,7 +262,7 @@ void searchRun(const Flags& flags, Instances& instances) {
   } catch (const TransportError& e) {
     throw CliError{"vorn search run: " + e.description};
   }
-  const bool ok = reply.status >= 200 && reply.status <= 299;
+  const bool ok = reply.ok();
   const SearchListing listing = listingOf(reply);
 
   if (flags.json) {
