@@ -29,6 +29,8 @@ std::vector<DevNounSpec> buildDevNouns() {
       val("--edition", "EDITION", "go or markdown (default VORN_EDITION, then go)");
   const OptionSpec seconds = val("--seconds", "N", "measure for N seconds");
   const OptionSpec interval = val("--interval", "MS", "between two samples");
+  const OptionSpec resumeFrom =
+      val("--resume-from", "SCENARIO", "skip the scenarios before this one");
   const OptionSpec budget = val("--budget", "LIMIT", "exit 1 when the result is above LIMIT");
   const OptionSpec kind = val("--type", "KIND", "only this kind of measurement or render");
   const OptionSpec data = {"--data", "-d", "JSON", "the request body"};
@@ -39,8 +41,7 @@ std::vector<DevNounSpec> buildDevNouns() {
        {
            {"run",
             "run the QA scenarios (all, or --only these) against this checkout's dev app",
-            {base, val("--commit", "SHA", "record the run against this commit"),
-             val("--resume-from", "SCENARIO", "skip the scenarios before this one"), only,
+            {base, val("--commit", "SHA", "record the run against this commit"), resumeFrom, only,
              val("--target", "TARGET", "drive this target: app, headless or remote"), out, runs,
              val("--bead", "ID", "attach the report to this bead")},
             {}},
@@ -50,8 +51,7 @@ std::vector<DevNounSpec> buildDevNouns() {
             {}},
            {"sweep",
             "run the scenarios many times and report the flaky ones",
-            {runs, only, out,
-             val("--resume-from", "SCENARIO", "skip the scenarios before this one")},
+            {runs, only, out, resumeFrom},
             {}},
            {"bisect",
             "find the first commit where a scenario fails",

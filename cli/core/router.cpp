@@ -62,15 +62,15 @@ Outcome VornCLI::main(const std::vector<std::string>& args, Context& ctx,
 
 Outcome VornCLI::run(const std::vector<std::string>& args, Context& ctx, const Commands& commands,
                      bool& json) {
-  // Set once, before any handler runs or starts a thread. `dev` hands the line over untouched.
-  bool handedOver = !args.empty() && args[0] == "dev";
-  if (!handedOver) Transport::setTimeout(exchangeTimeout(ctx));
+  // `dev` hands the line over untouched; for everything else the time-out is set once, before
+  // any handler runs or starts a thread.
+  if (!args.empty() && args[0] == "dev") return commands.delegate(rest(args, 1), ctx);
+  Transport::setTimeout(exchangeTimeout(ctx));
   if (!args.empty() && isVersionWord(args[0])) {
     Flags flags = parseFlags(rest(args, 1), {});
     commands.version(flags, ctx);
     return Outcome::exit(0);
   }
-  if (!args.empty() && args[0] == "dev") return commands.delegate(rest(args, 1), ctx);
   return dispatch(args, ctx, commands, json);
 }
 

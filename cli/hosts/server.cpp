@@ -91,10 +91,7 @@ int makePrivateDirectories(const std::string& dir) {
 pid_t spawnDetached(const std::vector<std::string>& argv,
                     const std::map<std::string, std::string>& env, const std::string& log) {
   std::string program = argv.empty() ? "" : argv[0];
-  std::vector<std::string> pairs;
-  pairs.reserve(env.size());
-  for (const auto& [name, value] : env)
-    pairs.push_back(name + "=" + value);
+  std::vector<std::string> pairs = environmentStrings(env);
   std::vector<char*> args = cStrings(argv);
   std::vector<char*> environment = cStrings(pairs);
 

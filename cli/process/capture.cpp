@@ -93,15 +93,14 @@ Captured captureOutput(const std::string& program, const std::vector<std::string
   if (!attributes.ready() || !actions.ready()) return notStarted(ENOMEM);
   if (::posix_spawn_file_actions_addopen(actions.get(), 0, "/dev/null", O_RDONLY, 0) != 0 ||
       ::posix_spawn_file_actions_adddup2(actions.get(), writeEnd.get(), 1) != 0 ||
-      ::posix_spawn_file_actions_addchdir_np(actions.get(), cwd.c_str()) != 0) {
+      ::posix_spawn_file_actions_addchdir_np(actions.get(), cwd.c_str()) != 0 ||
+      // After the dup2: the pipe's writing end has a number above the standard streams.
+      !closeOtherDescriptors(attributes, actions)) {
     return notStarted(ENOMEM);
   }
 
   std::vector<std::string> words = argv.empty() ? std::vector<std::string>{program} : argv;
-  std::vector<std::string> assignments;
-  assignments.reserve(env.size());
-  for (const auto& [key, value] : env)
-    assignments.push_back(key + "=" + value);
+  std::vector<std::string> assignments = environmentStrings(env);
   std::vector<char*> cArgv = cStrings(words);
   std::vector<char*> cEnv = cStrings(assignments);
 

@@ -1,6 +1,7 @@
 #include "process/capture.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -29,6 +30,18 @@ TEST(CaptureOutput, OutputAndExitStatus) {
   EXPECT_FALSE(run.overflow);
   EXPECT_EQ(shell("exit 0").status, 0);
   EXPECT_EQ(shell("exit 0").output, "");
+}
+
+TEST(CaptureOutput, TheChildGetsNoOtherDescriptorOfTheCaller) {
+  // Opened without close-on-exec, as a descriptor inherited from the CLI's own parent would be.
+  int inherited = ::open("/dev/null", O_RDONLY);
+  ASSERT_GE(inherited, 3);
+  std::string fd = std::to_string(inherited);
+  Captured run = shell("if [ -e /dev/fd/" + fd + " ]; then echo open; else echo closed; fi");
+  EXPECT_EQ(run.output, "closed\n");
+  // The same check sees a descriptor that is there: its own standard output.
+  EXPECT_EQ(shell("if [ -e /dev/fd/1 ]; then echo open; else echo closed; fi").output, "open\n");
+  ::close(inherited);
 }
 
 TEST(CaptureOutput, RunsInTheGivenDirectoryWithExactlyTheGivenEnvironment) {

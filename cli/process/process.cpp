@@ -54,6 +54,14 @@ bool closeOtherDescriptors(SpawnAttributes& attributes, SpawnFileActions& action
 #endif
 }
 
+std::vector<std::string> environmentStrings(const std::map<std::string, std::string>& env) {
+  std::vector<std::string> pairs;
+  pairs.reserve(env.size());
+  for (const auto& [name, value] : env)
+    pairs.push_back(name + "=" + value);
+  return pairs;
+}
+
 std::vector<char*> cStrings(const std::vector<std::string>& words) {
   std::vector<char*> out;
   out.reserve(words.size() + 1);

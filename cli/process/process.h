@@ -6,6 +6,7 @@
 #include <spawn.h>
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -58,6 +59,8 @@ bool closeOtherDescriptors(SpawnAttributes& attributes, SpawnFileActions& action
 // argv as the NUL-terminated array of C strings that exec and spawn take; the pointers stay
 // valid as long as `words` is alive and unchanged.
 std::vector<char*> cStrings(const std::vector<std::string>& words);
+// An environment as the NAME=value strings a child gets.
+std::vector<std::string> environmentStrings(const std::map<std::string, std::string>& env);
 
 // Runs a program directly (no shell) with inherited streams and environment, and waits for it.
 // Its exit status; 128 + the signal when killed; 127 when it could not be started.

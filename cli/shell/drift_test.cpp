@@ -74,8 +74,10 @@ TEST_F(Drift, EveryNounVerbAndOptionIsInTheHelp) {
     for (const VerbSpec& verb : noun.verbs) {
       EXPECT_NE(help.find("\n  " + verb.usage + "\n"), std::string::npos) << verb.usage;
       const std::string page = verbHelpPage(verb);
-      for (const std::string& line : optionLines(verb.options))
-        EXPECT_NE(page.find("\n    " + line + "\n"), std::string::npos) << line;
+      for (const OptionSpec& option : verb.options) {
+        EXPECT_NE(page.find(option.name), std::string::npos) << verb.usage << " " << option.name;
+        EXPECT_NE(page.find(option.summary), std::string::npos) << option.summary;
+      }
     }
   }
   for (const std::string& line : optionLines(globalOptions()))

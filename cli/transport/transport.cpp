@@ -262,7 +262,8 @@ ReplyBytes readAll(int fd, size_t maxBytes, const Deadline& deadline) {
   bool presized = false;
   size_t headerSearched = 0;
   while (true) {
-    if (out.spareSize() == 0) out.reserve(2 * out.size());
+    // Never more room than the limit and the one byte that tells it was passed.
+    if (out.spareSize() == 0) out.reserve(std::min(2 * out.size(), maxBytes + 1));
     ssize_t n = ::recv(fd, out.spare(), out.spareSize(), 0);
     if (n < 0) {
       if (errno == EINTR) continue;

@@ -32,6 +32,19 @@ TEST(TransportLimit, OneByteMoreIsTooLarge) {
             "reply too large: over " + std::to_string(whole - 1) + " bytes");
 }
 
+TEST(TransportLimit, AnUnannouncedReplyNeverGetsMoreRoomThanTheLimit) {
+  // Past the first 64 KiB of room the block doubles, but not beyond the limit and one byte.
+  const size_t limit = 100 << 10;
+  std::string body = "\"" + std::string(90 << 10, 'a') + "\"";
+  std::string reply = okReply(body);
+  reply.replace(reply.find("Content-Length"), 14, "X-Length");
+  TestServer server;
+  server.serve(TestServer::Mode::reply, reply);
+  RawReply raw = Transport::exchange(server.path(), "GET", "/x", nullptr, limit);
+  EXPECT_EQ(raw.body, body);
+  EXPECT_LE(raw.body.size() + raw.body.spareSize(), limit + 1);
+}
+
 TEST(TransportLimit, ChunkedAndUnannouncedRepliesAreCountedAsTheyCome) {
   std::string body = "\"" + std::string(3u << 20, 'a') + "\"";
   for (bool chunked : {false, true}) {
