@@ -55,17 +55,23 @@ DoctorCheck brewCheck(const std::optional<BrewLink>& brew) {
 
 std::vector<DoctorCheck> Doctor::cliChecks() const {
   std::optional<std::string> root = checkoutRoot(ctx.cwd, ctx.executable, ctx.env);
-  return {repoCheck(ctx, root), bunCheck(which("bun"), root),
-          brewCheck(ShellCommand::from(ctx).brewLinked()), shimCheck()};
+  const ShellCommand shell = ShellCommand::from(ctx);
+  const std::optional<BrewLink> brew = shell.brewLinked();
+  return {repoCheck(ctx, root), bunCheck(which("bun"), root), brewCheck(brew),
+          shimCheck(shell, brew)};
+}
+
+DoctorCheck Doctor::shimCheck() const {
+  const ShellCommand shell = ShellCommand::from(ctx);
+  return shimCheck(shell, shell.brewLinked());
 }
 
 // The first finding that applies: not installed (fine), unreadable, foreign, a stale fallback,
 // an old shim, not runnable, not what PATH finds, shadowing Homebrew's vorn; else ok.
-DoctorCheck Doctor::shimCheck() const {
-  const ShellCommand shell = ShellCommand::from(ctx);
+DoctorCheck Doctor::shimCheck(const ShellCommand& shell,
+                              const std::optional<BrewLink>& brew) const {
   const std::string& path = shell.shimPath;
   const ShimFile file = shell.inspect();
-  const std::optional<BrewLink> brew = shell.brewLinked();
   auto warn = [](std::string detail) { return DoctorCheck{"cli.shim", "warn", std::move(detail)}; };
 
   switch (file.state) {

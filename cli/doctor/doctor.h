@@ -15,6 +15,7 @@
 #include "instances/instances.h"
 #include "json/json.h"
 #include "process/capture.h"
+#include "shell/shim.h"
 
 namespace vorn {
 
@@ -53,6 +54,8 @@ struct Doctor {
   // cli.repo, cli.bun, cli.brew, cli.shim.
   std::vector<DoctorCheck> cliChecks() const;
   DoctorCheck shimCheck() const;
+  // The same for a shim and a Homebrew link already looked up.
+  DoctorCheck shimCheck(const ShellCommand& shell, const std::optional<BrewLink>& brew) const;
   // The rows of the checkout's (or the app's) doctor-packs script, or one "languages" warning.
   std::vector<DoctorCheck> packChecks() const;
 };
