@@ -6,9 +6,9 @@
 import { describe, expect, setDefaultTimeout, test } from "bun:test";
 import fs from "node:fs";
 import path from "node:path";
-import type { Sandbox, Sim } from "./harness";
-import { endHostsAfterEach, eventually, hostCheckout, logNamesAround, parseStarted, processesMentioning, running, useRealBun, VORN } from "./hosts";
-import { useSandbox } from "./support";
+import { vornBin, type Sandbox, type Sim } from "./harness";
+import { endHostsAfterEach, hostCheckout, logNamesAround, parseStarted, processesMentioning, running, useRealBun } from "./hosts";
+import { eventually, useSandbox } from "./support";
 import {
   baseline,
   doctorEdited,
@@ -114,7 +114,7 @@ function readerlessPipe(): number {
  * all ("closed", so that the first descriptor vorn opens takes its place). Ended after 20 s at most.
  */
 async function runWithStdout(args: string[], sink: number | "closed", cwd = sb.work): Promise<{ code: number | null; signal: string | null; stderr: string }> {
-  const argv = sink === "closed" ? ["/bin/sh", "-c", 'exec "$0" "$@" >&-', VORN, ...args] : [VORN, ...args];
+  const argv = sink === "closed" ? ["/bin/sh", "-c", 'exec "$0" "$@" >&-', vornBin(), ...args] : [vornBin(), ...args];
   const proc = Bun.spawn(argv, { cwd, env: sb.env(), stdin: "ignore", stdout: sink === "closed" ? "ignore" : sink, stderr: "pipe" });
   if (sink !== "closed") fs.closeSync(sink);
   const timer = setTimeout(() => proc.kill("SIGKILL"), 20000);

@@ -101,7 +101,8 @@ function removeTree(root: string): void {
   fs.rmSync(root, { recursive: true, force: true });
 }
 
-function vornBin(): string {
+/** The vorn under test (VORN_BIN), as an absolute path; a clear error when VORN_BIN is not set. */
+export function vornBin(): string {
   const bin = process.env.VORN_BIN;
   if (!bin) throw new Error("VORN_BIN is not set: point it at the built vorn binary (make test sets it)");
   return path.resolve(bin);

@@ -6,13 +6,13 @@
 import { afterAll, beforeAll, describe, expect, setDefaultTimeout, test } from "bun:test";
 import fs from "node:fs";
 import path from "node:path";
-import type { Sandbox } from "./harness";
+import { vornBin, type Sandbox } from "./harness";
 import { useSandbox } from "./support";
 import { completion, runShell } from "./shells";
 
 setDefaultTimeout(180000);
 
-const BIN = path.resolve(process.env.VORN_BIN!);
+const BIN = vornBin();
 const BUILD = path.dirname(BIN);
 const REPO = path.resolve(import.meta.dir, "../..");
 const MANIFEST = path.join(BUILD, "install_manifest.txt");

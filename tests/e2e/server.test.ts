@@ -5,11 +5,10 @@
 import { describe, expect, setDefaultTimeout, test } from "bun:test";
 import fs from "node:fs";
 import path from "node:path";
-import type { Sandbox, Sim } from "./harness";
+import { vornBin, type Sandbox, type Sim } from "./harness";
 import {
   endHostsAfterEach,
   envWithoutProbe,
-  eventually,
   expectDefaultSigpipe,
   fakeApp,
   hostCheckout,
@@ -25,9 +24,8 @@ import {
   track,
   useProbe,
   useRealBun,
-  VORN,
 } from "./hosts";
-import { DASH, instanceTable, pretty, useSandbox } from "./support";
+import { DASH, eventually, instanceTable, pretty, useSandbox } from "./support";
 
 setDefaultTimeout(60000);
 
@@ -111,7 +109,7 @@ describe("server start --detach", () => {
     useRealBun(sb);
     // The shell waits for the end of vorn's output, which only comes when no process holds
     // the pipe any more.
-    const r = await sb.run(["-c", 'out=$("$0" server start --detach) && printf "%s\\n" "$out"', VORN], {
+    const r = await sb.run(["-c", 'out=$("$0" server start --detach) && printf "%s\\n" "$out"', vornBin()], {
       bin: "/bin/sh",
       cwd: root,
       timeoutMs: 20000,
@@ -128,7 +126,7 @@ describe("server start --detach", () => {
     const root = hostCheckout(sb, "repo");
     const env = { ...useProbe(sb, { then: true }), VORN_EDITION: "markdown", XDG_RUNTIME_DIR: sb.runtime + "//" };
     // vorn itself is given an extra descriptor, as a careless caller might pass on.
-    const proc = Bun.spawn([VORN, "server", "start", "--detach", sb.work], {
+    const proc = Bun.spawn([vornBin(), "server", "start", "--detach", sb.work], {
       cwd: sb.path("repo"),
       env: sb.env(env),
       stdio: ["ignore", "pipe", "pipe", "pipe"],
@@ -292,7 +290,7 @@ describe("server start in the foreground", () => {
     const root = hostCheckout(sb, "repo");
     const work = sb.dir("work/app");
     useRealBun(sb);
-    const proc = Bun.spawn([VORN, "server", "start", work], {
+    const proc = Bun.spawn([vornBin(), "server", "start", work], {
       cwd: root,
       env: sb.env(),
       stdio: ["ignore", "pipe", "pipe"],
