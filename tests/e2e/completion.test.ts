@@ -207,6 +207,25 @@ describe("registration", () => {
   });
 });
 
+test("a bash completion that fails is not taken for one that offers nothing", async () => {
+  // Scripts in the place of the printed one: one whose function runs a command that is not
+  // there (bash says so on stderr), one whose function fails silently.
+  const broken = {
+    noisy: "_vorn_complete() { vorn-no-such-command; COMPREPLY=(); }",
+    failing: "_vorn_complete() { COMPREPLY=(); return 1; }",
+  };
+  for (const [name, fn] of Object.entries(broken)) {
+    const printer = sb.file(`scripts/${name}`, `#!/bin/sh\necho '${fn}; complete -o default -F _vorn_complete vorn'\n`, 0o755);
+    await expect(complete(sb, "bash", "vorn -i ", { env: { VORN_UNDER_TEST: printer } })).rejects.toThrow(
+      name === "noisy" ? "vorn-no-such-command: command not found" : "_vorn_complete returned 1",
+    );
+  }
+  // The noisy one offers nothing, which would have passed for the answer to "vorn -i ".
+  const noisy = await completion(sb, "bash", "vorn -i ", { env: { VORN_UNDER_TEST: sb.path("scripts/noisy") } });
+  expect(noisy.words).toEqual([FILES]);
+  expect(noisy.stderr).toContain("vorn-no-such-command");
+});
+
 test("the printed scripts hold no path of the build machine", async () => {
   for (const shell of SHELLS) {
     const r = await sb.run(["shell-command", "completion", shell]);

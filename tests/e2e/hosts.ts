@@ -213,7 +213,10 @@ export function logNamesAround(sb: Sandbox): string[] {
   return Array.from({ length: 7 }, (_, i) => path.join(sb.runtimeRoot, `server-${now - 1 + i}.log`));
 }
 
-/** The parts of the text `vorn server start --detach` prints. */
+/**
+ * The parts of the text `vorn server start --detach` prints. The host's pid is tracked, to be
+ * ended after the test: parse the output right after the start, before checking anything else.
+ */
 export function parseStarted(stdout: string): { pid: number; sock: string; log: string } | undefined {
   const m = /^vorn server (\d+) \(headless\) on (.*)\nlog (.*)\n$/.exec(stdout);
   return m ? { pid: track(Number(m[1])), sock: m[2], log: m[3] } : undefined;

@@ -60,9 +60,9 @@ describe("server start --detach", () => {
     useRealBun(sb);
     expect(fs.existsSync(sb.runtimeRoot)).toBe(false);
     const r = await sb.run(["server", "start", "--detach", "../projects/./app/"], { cwd: root });
+    const host = parseStarted(r.stdout)!;
     expect(r.stderr).toBe("");
     expect(r.code).toBe(0);
-    const host = parseStarted(r.stdout)!;
     expect(host).toBeDefined();
     expect(host.sock).toBe(path.join(sb.runtimeRoot, String(host.pid), "fs.sock"));
     expect(host.log).toMatch(new RegExp(`^${sb.runtimeRoot}/server-\\d+\\.log$`));
@@ -114,10 +114,10 @@ describe("server start --detach", () => {
       cwd: root,
       timeoutMs: 20000,
     });
+    const host = parseStarted(r.stdout)!;
     expect(r.timedOut).toBe(false);
     expect(r.stderr).toBe("");
     expect(r.code).toBe(0);
-    const host = parseStarted(r.stdout)!;
     expect(host).toBeDefined();
     expect(running(host.pid)).toBe(true);
   });
@@ -132,9 +132,9 @@ describe("server start --detach", () => {
       stdio: ["ignore", "pipe", "pipe", "pipe"],
     });
     const [stdout, stderr, code] = await Promise.all([new Response(proc.stdout).text(), new Response(proc.stderr).text(), proc.exited]);
+    const host = parseStarted(stdout)!;
     expect(stderr).toBe("");
     expect(code).toBe(0);
-    const host = parseStarted(stdout)!;
     expect(host).toBeDefined();
     const seen = probeRecord(sb, host.pid);
     expect(seen.argv).toEqual([path.join(sb.bin, "bun"), "--conditions=vorn-edition-markdown", `${root}/${SOURCE.headless}`, sb.work]);
@@ -155,9 +155,9 @@ describe("server start --detach", () => {
     const app = fakeApp(sb, "x/Vorn.app", { bun: "real" });
     const root = hostCheckout(sb, "repo");
     const r = await sb.run(["server", "start", "--detach", sb.work], { bin: app.cli, cwd: root, env: { VORN_REPO_ROOT: root } });
+    const host = parseStarted(r.stdout)!;
     expect(r.stderr).toBe("");
     expect(r.code).toBe(0);
-    const host = parseStarted(r.stdout)!;
     expect(host).toBeDefined();
     const inspect = await sb.run(["-o", "json", "instance", "inspect", `sim-${host.pid}`]);
     const [record] = JSON.parse(inspect.stdout);
@@ -230,9 +230,9 @@ describe("server start --detach", () => {
     useRealBun(sb);
     const env = { XDG_RUNTIME_DIR: "" };
     const r = await sb.run(["server", "start", "--detach"], { cwd: root, env });
+    const host = parseStarted(r.stdout)!;
     expect(r.stderr).toBe("");
     expect(r.code).toBe(0);
-    const host = parseStarted(r.stdout)!;
     expect(host.sock).toBe(`vorn/${host.pid}/fs.sock`);
     expect(host.log).toMatch(/^vorn\/server-\d+\.log$/);
     expect(fs.readFileSync(path.join(root, host.log), "utf8")).toBe(`ready ${host.pid} ${path.join(root, host.sock)}\n`);

@@ -119,7 +119,13 @@ export async function completion(sb: Sandbox, shell: Shell, line: string, opts: 
   return { words: words.sort(), registration: "", stderr: out.stderr };
 }
 
-/** The sorted words a shell offers at the end of `line`. */
+/**
+ * The sorted words a shell offers at the end of `line`. Throws when the shell wrote anything to
+ * standard error: the scripts are silent, so what an error message there says is that the
+ * completion failed, and its "nothing offered" must not pass for an answer.
+ */
 export async function complete(sb: Sandbox, shell: Shell, line: string, opts: CompleteOptions = {}): Promise<string[]> {
-  return (await completion(sb, shell, line, opts)).words;
+  const got = await completion(sb, shell, line, opts);
+  if (got.stderr !== "") throw new Error(`${shell} wrote to stderr completing ${JSON.stringify(line)}: ${got.stderr}`);
+  return got.words;
 }
