@@ -5,7 +5,7 @@ PREFIX  ?= /usr/local
 CMAKE_FLAGS ?=
 JOBS    ?= $(shell nproc 2>/dev/null || sysctl -n hw.ncpu 2>/dev/null || echo 2)
 
-.PHONY: all deps configure build dev test unit e2e demo bench bench-cli fuzz fuzz-build fuzz-test install uninstall clean format
+.PHONY: all deps configure build dev test unit e2e demo bench bench-cli bench-build fuzz fuzz-build fuzz-targets fuzz-test fuzz-short install uninstall clean format
 
 all: build
 
@@ -32,7 +32,7 @@ dev:
 test: deps configure tests/node_modules/.installed
 	cmake --build $(BUILD) -j $(JOBS)
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
-	$(MAKE) fuzz-test
+	$(MAKE) fuzz-short
 
 tests/node_modules/.installed: tests/package.json tests/package-lock.json
 	cd tests && npm ci --no-audit --no-fund
@@ -49,8 +49,12 @@ bench: deps bench-build tests/node_modules/.installed
 bench-cli: deps bench-build tests/node_modules/.installed
 	@bench/bench.sh $(BUILD)-bench --cli-only
 
-bench-build: deps
+$(BUILD)-bench/build.ninja:
 	cmake -S . -B $(BUILD)-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DVORN_TESTS=OFF -DVORN_BENCH=ON
+
+# Configured once (after deps, hence the inner make), built every time.
+bench-build: deps
+	@$(MAKE) --no-print-directory $(BUILD)-bench/build.ninja
 	cmake --build $(BUILD)-bench -j $(JOBS)
 
 # libFuzzer targets (clang, AddressSanitizer, UndefinedBehaviorSanitizer) in a tree of their
@@ -60,16 +64,27 @@ FUZZ_SECONDS ?= 60
 FUZZ_TARGETS ?= json http_reply flags file_target query
 FUZZ_CXX     ?= clang++
 
-fuzz-build: deps
+$(FUZZ_BUILD)/build.ninja:
 	cmake -S . -B $(FUZZ_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_COMPILER=$(FUZZ_CXX) \
 	  -DVORN_TESTS=OFF -DVORN_FUZZ=ON
+
+# The targets, without the dependency check: fuzz-build and fuzz-test run it first (after deps,
+# hence the inner make), and make test has run it already.
+fuzz-targets: $(FUZZ_BUILD)/build.ninja
 	cmake --build $(FUZZ_BUILD) --target fuzz_targets -j $(JOBS)
 
-# The short run of every target that `make test` includes (about a minute). A compiler without
-# libFuzzer (Apple's clang) skips it with a notice; FUZZ_CXX names another one.
-fuzz-test:
+fuzz-build: deps
+	@$(MAKE) --no-print-directory fuzz-targets
+
+# The short run of every target that `make test` includes (about a minute), the targets side by
+# side. A compiler without libFuzzer (Apple's clang) skips it with a notice; FUZZ_CXX names
+# another one. fuzz-short is the same without the dependency check.
+fuzz-test: deps
+	@$(MAKE) --no-print-directory fuzz-short
+
+fuzz-short:
 	@if scripts/fuzz.sh --can-build $(FUZZ_CXX); then \
-	  $(MAKE) fuzz-build && cd $(FUZZ_BUILD) && ctest --output-on-failure; \
+	  $(MAKE) --no-print-directory fuzz-targets && cd $(FUZZ_BUILD) && ctest --output-on-failure -j $(JOBS); \
 	else echo "fuzz: skipped: $(FUZZ_CXX) cannot build libFuzzer targets (set FUZZ_CXX)"; fi
 
 fuzz: fuzz-build

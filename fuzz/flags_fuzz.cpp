@@ -8,6 +8,7 @@
 // their own canonical spelling.
 #include <algorithm>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "core/cli_error.h"
@@ -57,22 +58,14 @@ void checkHoisting(const std::vector<std::string>& args) {
   }
 }
 
-bool endsWith(std::string_view s, std::string_view suffix) {
-  return s.size() >= suffix.size() && s.substr(s.size() - suffix.size()) == suffix;
-}
-
-bool startsWith(std::string_view s, std::string_view prefix) {
-  return s.substr(0, prefix.size()) == prefix;
-}
-
 void checkUsageError(const CliError& error, const std::vector<std::string>& words) {
   check(error.code == 2, "a flag error is a usage error", error.message);
-  const std::string& m = error.message;
-  bool known = startsWith(m, "unknown flag ") || endsWith(m, " takes no value") ||
-               (m.find(" needs a value (") != std::string::npos && endsWith(m, ")")) ||
-               startsWith(m, "--pid needs a positive integer (got ") ||
-               startsWith(m, "-o takes json (got ");
-  check(known, "a flag error has a known form", m + "\n" + joined(words));
+  std::string_view m = error.message;
+  bool known = m.starts_with("unknown flag ") || m.ends_with(" takes no value") ||
+               (m.find(" needs a value (") != std::string_view::npos && m.ends_with(")")) ||
+               m.starts_with("--pid needs a positive integer (got ") ||
+               m.starts_with("-o takes json (got ");
+  check(known, "a flag error has a known form", error.message + "\n" + joined(words));
 }
 
 // A spelling of a global option that the verb does not take for one of its own.

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "fuzz_check.h"
 #include "json/block_writer.h"
@@ -32,10 +33,6 @@ JSON asWritten(const JSON& value) {
     return JSON(std::move(out));
   }
   return value;
-}
-
-bool startsWith(std::string_view s, std::string_view prefix) {
-  return s.substr(0, prefix.size()) == prefix;
 }
 
 // Every failure names one of the parser's problems and the offset, which lies in the input;
@@ -66,7 +63,7 @@ void checkFailure(const std::string& message, std::string_view input) {
         "the offset is a decimal number", message);
   size_t offset = std::stoull(digits);
   check(offset <= input.size(), "the offset lies within the input", message);
-  if (problem == "unexpected end" || startsWith(problem, "unterminated")) {
+  if (problem == "unexpected end" || problem.starts_with("unterminated")) {
     check(offset == input.size(), "running out of input is reported at its end", message);
   }
 }

@@ -48,5 +48,9 @@ else
   args+=(-max_total_time="${FUZZ_SECONDS:-60}")
 fi
 
-echo "== fuzz_$target ${FUZZ_RUNS:+$FUZZ_RUNS runs}${FUZZ_RUNS:-${FUZZ_SECONDS:-60}s}"
+if [ -n "${FUZZ_RUNS:-}" ]; then
+  echo "== fuzz_$target $FUZZ_RUNS runs"
+else
+  echo "== fuzz_$target ${FUZZ_SECONDS:-60}s"
+fi
 exec "$binary" "${args[@]}" "$scratch" "$seeds"

@@ -1,7 +1,7 @@
 // The command line as a user meets it: usage errors, JSON errors, exit statuses, pipes, dev.
 import { describe, expect, test } from "bun:test";
 import { spawnSync } from "node:child_process";
-import type { Sandbox } from "./harness";
+import { vornBin, type Sandbox } from "./harness";
 import { useSandbox } from "./support";
 
 let sb: Sandbox;
@@ -106,7 +106,7 @@ describe("pipes", () => {
   // The reader is gone before vorn writes: without SIGPIPE ignored the write would kill it (141).
   test("a closed pipe does not kill the program", () => {
     const script = 'exec {fd}> >(exec true); wait $!; "$1" help >&$fd; echo "vorn=$?"; cat /dev/null - <<<x >&$fd; echo "cat=$?"';
-    const r = spawnSync("/bin/bash", ["-c", script, "bash", process.env.VORN_BIN!], {
+    const r = spawnSync("/bin/bash", ["-c", script, "bash", vornBin()], {
       env: { PATH: "/usr/bin:/bin" },
       encoding: "utf8",
     });

@@ -5,7 +5,7 @@
 import { describe, expect, setDefaultTimeout, test } from "bun:test";
 import fs from "node:fs";
 import path from "node:path";
-import type { Sandbox } from "./harness";
+import { vornBin, type Sandbox } from "./harness";
 import { byPid, useSandbox } from "./support";
 import { bashWords, complete, completion, FILES, runShell, SHELLS } from "./shells";
 
@@ -15,7 +15,7 @@ let sb: Sandbox;
 useSandbox((fresh) => {
   sb = fresh;
   // The scripts ask `vorn` on PATH for the live ids: that is the vorn under test.
-  sb.symlink(path.resolve(process.env.VORN_BIN!), "bin/vorn");
+  sb.symlink(vornBin(), "bin/vorn");
 });
 
 const NOUNS = ["instance", "workspace", "file", "command", "diagnostics", "nogo", "search", "test", "language", "server", "remote", "doctor", "shell-command"];
@@ -24,7 +24,7 @@ const sorted = (words: string[]) => [...words].sort();
 const USAGE = "vorn shell-command completion: expected one of bash, zsh, fish\n";
 
 // The generated files the build installs, beside the binary under test.
-const generated = (rel: string) => path.join(path.dirname(path.resolve(process.env.VORN_BIN!)), "generated", rel);
+const generated = (rel: string) => path.join(path.dirname(vornBin()), "generated", rel);
 
 describe("vorn shell-command completion", () => {
   test("prints each shell's script followed by a newline", async () => {
@@ -202,15 +202,34 @@ describe("registration", () => {
 
   test("sourcing the fish script twice does not offer words twice", async () => {
     const load = "$VORN_UNDER_TEST shell-command completion fish | source";
-    const out = await runShell(sb, ["fish", "--no-config", "-c", `${load}; ${load}; complete -C 'vorn test rerun '`], { env: { VORN_UNDER_TEST: path.resolve(process.env.VORN_BIN!) } });
+    const out = await runShell(sb, ["fish", "--no-config", "-c", `${load}; ${load}; complete -C 'vorn test rerun '`], { env: { VORN_UNDER_TEST: vornBin() } });
     expect(out.stdout.split("\n").filter((l) => l).sort()).toEqual(["failed", "last"]);
   });
+});
+
+test("a bash completion that fails is not taken for one that offers nothing", async () => {
+  // Scripts in the place of the printed one: one whose function runs a command that is not
+  // there (bash says so on stderr), one whose function fails silently.
+  const broken = {
+    noisy: "_vorn_complete() { vorn-no-such-command; COMPREPLY=(); }",
+    failing: "_vorn_complete() { COMPREPLY=(); return 1; }",
+  };
+  for (const [name, fn] of Object.entries(broken)) {
+    const printer = sb.file(`scripts/${name}`, `#!/bin/sh\necho '${fn}; complete -o default -F _vorn_complete vorn'\n`, 0o755);
+    await expect(complete(sb, "bash", "vorn -i ", { env: { VORN_UNDER_TEST: printer } })).rejects.toThrow(
+      name === "noisy" ? "vorn-no-such-command: command not found" : "_vorn_complete returned 1",
+    );
+  }
+  // The noisy one offers nothing, which would have passed for the answer to "vorn -i ".
+  const noisy = await completion(sb, "bash", "vorn -i ", { env: { VORN_UNDER_TEST: sb.path("scripts/noisy") } });
+  expect(noisy.words).toEqual([FILES]);
+  expect(noisy.stderr).toContain("vorn-no-such-command");
 });
 
 test("the printed scripts hold no path of the build machine", async () => {
   for (const shell of SHELLS) {
     const r = await sb.run(["shell-command", "completion", shell]);
-    expect(r.stdout).not.toContain(path.dirname(path.resolve(process.env.VORN_BIN!)));
+    expect(r.stdout).not.toContain(path.dirname(vornBin()));
     expect(r.stdout).not.toContain(sb.root);
   }
 });

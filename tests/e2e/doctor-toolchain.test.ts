@@ -4,9 +4,10 @@
 import { describe, expect, setDefaultTimeout, test } from "bun:test";
 import fs from "node:fs";
 import path from "node:path";
-import type { Sandbox } from "./harness";
+import { vornBin, type Sandbox } from "./harness";
 import { doctor, fresh, goRows, packsCheckout, parse, render, row, skipped, useDoctorSandbox } from "./doctor";
-import { realBun, vornBin } from "./installs";
+import { REAL_BUN } from "./hosts";
+import { eventually } from "./support";
 
 setDefaultTimeout(60000);
 
@@ -57,7 +58,7 @@ describe("toolchain rows", () => {
 
   test("the app's own script and Bun, outside any checkout", async () => {
     const app = sb.path("apps/Vorn.app");
-    sb.symlink(realBun, "apps/Vorn.app/Contents/MacOS/bun");
+    sb.symlink(REAL_BUN, "apps/Vorn.app/Contents/MacOS/bun");
     sb.file(
       "apps/Vorn.app/Contents/Resources/app/bun/doctor-packs.js",
       `console.log(JSON.stringify([{ name: "go", status: "ok", detail: process.cwd() }]))`,
@@ -95,9 +96,7 @@ console.log(${JSON.stringify(goRows)});`,
     );
     const proc = Bun.spawn([vornBin(), "doctor", "check"], { cwd: opts.cwd, env: sb.env(), stdout: "pipe", stderr: "pipe" });
     const output = new Response(proc.stdout).text();
-    const deadline = Date.now() + 30_000;
-    while (!fs.existsSync(started) && Date.now() < deadline) await Bun.sleep(20);
-    expect(fs.existsSync(started)).toBe(true);
+    expect(await eventually(() => fs.existsSync(started), 30_000)).toBe(true);
     // The script cannot finish before it is released, so neither can the doctor.
     expect(proc.exitCode).toBeNull();
     fs.writeFileSync(release, "");

@@ -6,7 +6,8 @@ import { expect } from "bun:test";
 import fs from "node:fs";
 import path from "node:path";
 import type { RunOptions, Sandbox } from "./harness";
-import { bunOnPath, scriptCheckout, shimPath } from "./installs";
+import { useRealBun } from "./hosts";
+import { scriptCheckout, shimPath } from "./installs";
 import { DASH, pretty, useSandbox } from "./support";
 
 let sb: Sandbox;
@@ -92,7 +93,7 @@ export const goRows = JSON.stringify([
 /** A checkout (the working directory of `run`) with bun on PATH and `packs` as its doctor-packs script. */
 export function packsCheckout(packs?: string): { root: string; script: string; opts: RunOptions } {
   const root = scriptCheckout(sb, "work/repo");
-  bunOnPath(sb);
+  useRealBun(sb);
   const script = path.join(root, "src/cli/doctor-packs.ts");
   if (packs !== undefined) sb.file("work/repo/src/cli/doctor-packs.ts", packs);
   return { root, script, opts: { cwd: root } };

@@ -6,9 +6,9 @@
 import { describe, expect, setDefaultTimeout, test } from "bun:test";
 import fs from "node:fs";
 import path from "node:path";
-import type { Sandbox, Sim } from "./harness";
-import { endHostsAfterEach, eventually, hostCheckout, logNamesAround, parseStarted, processesMentioning, running, useRealBun, VORN } from "./hosts";
-import { useSandbox } from "./support";
+import { vornBin, type Sandbox, type Sim } from "./harness";
+import { endHostsAfterEach, hostCheckout, logNamesAround, parseStarted, processesMentioning, running, track, useRealBun } from "./hosts";
+import { eventually, useSandbox } from "./support";
 import {
   baseline,
   doctorEdited,
@@ -114,7 +114,7 @@ function readerlessPipe(): number {
  * all ("closed", so that the first descriptor vorn opens takes its place). Ended after 20 s at most.
  */
 async function runWithStdout(args: string[], sink: number | "closed", cwd = sb.work): Promise<{ code: number | null; signal: string | null; stderr: string }> {
-  const argv = sink === "closed" ? ["/bin/sh", "-c", 'exec "$0" "$@" >&-', VORN, ...args] : [VORN, ...args];
+  const argv = sink === "closed" ? ["/bin/sh", "-c", 'exec "$0" "$@" >&-', vornBin(), ...args] : [vornBin(), ...args];
   const proc = Bun.spawn(argv, { cwd, env: sb.env(), stdin: "ignore", stdout: sink === "closed" ? "ignore" : sink, stderr: "pipe" });
   if (sink !== "closed") fs.closeSync(sink);
   const timer = setTimeout(() => proc.kill("SIGKILL"), 20000);
@@ -174,8 +174,8 @@ describe("server start --detach", () => {
     const logs = logNamesAround(sb);
     for (const log of logs) fs.symlinkSync("/dev/full", log);
     const r = await sb.run(["server", "start", "--detach"], { cwd: root, timeoutMs: 40000 });
-    expect([r.stderr, r.code, r.signal, r.timedOut]).toEqual(["", 0, null, false]);
     const host = parseStarted(r.stdout)!;
+    expect([r.stderr, r.code, r.signal, r.timedOut]).toEqual(["", 0, null, false]);
     expect(host).toBeDefined();
     expect(logs).toContain(host.log);
     expect(fs.readlinkSync(host.log)).toBe("/dev/full");
@@ -187,7 +187,9 @@ describe("server start --detach", () => {
     useRealBun(sb);
     const r = await runWithStdout(["server", "start", "--detach"], readerlessPipe(), root);
     expect(r).toEqual({ code: 0, signal: null, stderr: "" });
+    // Nothing printed the host's pid: its runtime folder names it. Ended after the test if it still runs.
     const hosts = sb.runtimeEntries().filter((n) => /^\d+$/.test(n));
+    for (const pid of hosts) track(Number(pid));
     expect(hosts.length).toBe(1);
     const logs = sb.runtimeEntries().filter((n) => n.startsWith("server-"));
     await expectHostThenQuit(Number(hosts[0]), logs.map((n) => path.join(sb.runtimeRoot, n)));

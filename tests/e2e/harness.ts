@@ -34,7 +34,13 @@ export interface RunResult {
   stdoutBytes: Buffer;
   stderrBytes: Buffer;
   timedOut: boolean;
-  maxRssBytes: number; // the process's peak resident memory, as the system accounted it
+  // The peak resident memory the system accounted to the process (Bun's resourceUsage().maxRSS).
+  // On Linux that is an upper bound of the program's own peak, not the peak itself: Bun starts
+  // a child sharing its memory until the exec, and the kernel carries the high-water mark of
+  // that memory over the exec, so the figure is at least what the test runner held when it
+  // started the program. A check below a bound holds the program to it (a failure may be the
+  // runner's); 0 means no figure came back.
+  maxRssBytes: number;
 }
 
 export interface Sandbox {
@@ -101,7 +107,8 @@ function removeTree(root: string): void {
   fs.rmSync(root, { recursive: true, force: true });
 }
 
-function vornBin(): string {
+/** The vorn under test (VORN_BIN), as an absolute path; a clear error when VORN_BIN is not set. */
+export function vornBin(): string {
   const bin = process.env.VORN_BIN;
   if (!bin) throw new Error("VORN_BIN is not set: point it at the built vorn binary (make test sets it)");
   return path.resolve(bin);

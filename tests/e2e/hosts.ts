@@ -10,7 +10,7 @@
 import { afterEach, expect } from "bun:test";
 import fs from "node:fs";
 import path from "node:path";
-import type { Sandbox } from "./harness";
+import { vornBin, type Sandbox } from "./harness";
 import { checkout } from "./support";
 
 /** The Bun that runs the tests: the real one, for hosts that must really run. */
@@ -19,9 +19,6 @@ export const REAL_BUN = process.execPath;
 export const PROBE = path.join(import.meta.dir, "probe.sh");
 /** The simulated instance run as a headless host. */
 export const HEADLESS_SIM = path.resolve(import.meta.dir, "../sim/headless.ts");
-
-/** The vorn under test. */
-export const VORN = path.resolve(process.env.VORN_BIN ?? "vorn");
 
 /** A script that runs the simulated headless host when Bun runs it. */
 export const headlessScript = `import ${JSON.stringify(HEADLESS_SIM)};\n`;
@@ -68,14 +65,14 @@ export function fakeApp(sb: Sandbox, rel: string, opts: { bun?: "real" | "probe"
   for (const [name, text] of Object.entries(scripts)) sb.file(path.join(rel, "Contents/Resources/app/bun", name), text);
   const cli = sb.path(rel, "Contents/Resources/app/bin/vorn");
   fs.mkdirSync(path.dirname(cli), { recursive: true });
-  fs.copyFileSync(VORN, cli);
+  fs.copyFileSync(vornBin(), cli);
   fs.chmodSync(cli, 0o755);
   return { app, bun, appDir, cli };
 }
 
-/** Puts the real Bun on the sandbox's PATH as `bun`. */
-export function useRealBun(sb: Sandbox): void {
-  fs.symlinkSync(REAL_BUN, path.join(sb.bin, "bun"));
+/** Puts the real Bun on the sandbox's PATH (its bin folder) as `bun`; returns the link. */
+export function useRealBun(sb: Sandbox): string {
+  return sb.symlink(REAL_BUN, "bin/bun");
 }
 
 /**
@@ -171,16 +168,6 @@ export function running(pid: number): boolean {
   }
 }
 
-/** Polls `check` until it holds or the deadline passes; the last result. */
-export async function eventually(check: () => boolean, ms = 15000): Promise<boolean> {
-  const deadline = Date.now() + ms;
-  for (;;) {
-    if (check()) return true;
-    if (Date.now() > deadline) return false;
-    await Bun.sleep(20);
-  }
-}
-
 /**
  * Every process whose command line mentions `text` (a sandbox path), this test run's own
  * processes aside. Linux only: elsewhere nothing is found.
@@ -226,7 +213,10 @@ export function logNamesAround(sb: Sandbox): string[] {
   return Array.from({ length: 7 }, (_, i) => path.join(sb.runtimeRoot, `server-${now - 1 + i}.log`));
 }
 
-/** The parts of the text `vorn server start --detach` prints. */
+/**
+ * The parts of the text `vorn server start --detach` prints. The host's pid is tracked, to be
+ * ended after the test: parse the output right after the start, before checking anything else.
+ */
 export function parseStarted(stdout: string): { pid: number; sock: string; log: string } | undefined {
   const m = /^vorn server (\d+) \(headless\) on (.*)\nlog (.*)\n$/.exec(stdout);
   return m ? { pid: track(Number(m[1])), sock: m[2], log: m[3] } : undefined;

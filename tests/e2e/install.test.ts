@@ -6,13 +6,13 @@
 import { afterAll, beforeAll, describe, expect, setDefaultTimeout, test } from "bun:test";
 import fs from "node:fs";
 import path from "node:path";
-import type { Sandbox } from "./harness";
+import { vornBin, type Sandbox } from "./harness";
 import { useSandbox } from "./support";
 import { completion, runShell } from "./shells";
 
 setDefaultTimeout(180000);
 
-const BIN = path.resolve(process.env.VORN_BIN!);
+const BIN = vornBin();
 const BUILD = path.dirname(BIN);
 const REPO = path.resolve(import.meta.dir, "../..");
 const MANIFEST = path.join(BUILD, "install_manifest.txt");
@@ -127,6 +127,36 @@ describe("make install and cmake --install", () => {
     expect(got.words).toEqual(["instance"]);
     expect(got.stderr).toBe("");
     expect((await completion(sb, "zsh", "vorn test rerun ", { source: { installed: prefix } })).words).toEqual(["failed", "last"]);
+  });
+
+  test("make uninstall where listed files are missing names them, and removing none keeps the manifest", async () => {
+    const manifest = bytes(MANIFEST);
+    const listed = manifest.toString().trim().split("\n");
+    expect([...listed].sort()).toEqual(INSTALLED.map((f) => path.join(PREFIX, f)).sort());
+    const script = (lines: string[]) => lines.filter((l) => l.startsWith("make uninstall: "));
+    // A DESTDIR where nothing was installed: nothing removed, every file named, the manifest kept.
+    const elsewhere = sb.dir("dest-elsewhere");
+    const none = await run(["make", "uninstall", `BUILD=${BUILD}`, `DESTDIR=${elsewhere}`]);
+    expect(none.code).not.toBe(0);
+    expect(none.stdout).toBe("");
+    expect(script(none.stderr.trim().split("\n"))).toEqual([
+      ...listed.map((f) => `make uninstall: ${elsewhere}${f} is not there`),
+      `make uninstall: nothing removed under DESTDIR ${elsewhere}; ${MANIFEST} is kept (give the DESTDIR of the install)`,
+    ]);
+    expect(bytes(MANIFEST).equals(manifest)).toBe(true);
+    // One file gone from an install: the others removed, that one named, the manifest gone.
+    const partial = sb.dir("dest-partial");
+    expect((await run(["cmake", "--install", BUILD, "--prefix", PREFIX], { DESTDIR: partial })).code).toBe(0);
+    const gone = path.join(partial, PREFIX, "share/man/man1/vorn.1");
+    fs.rmSync(gone);
+    const some = await run(["make", "uninstall", `BUILD=${BUILD}`, `DESTDIR=${partial}`]);
+    expect(some.code).toBe(0);
+    expect(some.stdout.trim().split("\n").sort()).toEqual(listed.filter((f) => !f.endsWith("/vorn.1")).map((f) => `removed ${partial}${f}`).sort());
+    expect(some.stderr).toBe(`make uninstall: ${gone} is not there\n`);
+    expect(files(partial)).toEqual([]);
+    expect(fs.existsSync(MANIFEST)).toBe(false);
+    // Back as make install left it, for the uninstall below.
+    fs.writeFileSync(MANIFEST, manifest);
   });
 
   test("make uninstall removes exactly what was installed", async () => {

@@ -1,42 +1,18 @@
 // What a vorn installation is made of, built inside a sandbox for the doctor and shell-command
 // tests: a checkout with a real script CLI and a stand-in native build, an app bundle, a
-// Homebrew link, the real Bun on PATH, and the few system tools the shim calls.
+// Homebrew link, and the few system tools the shim calls.
 
 import path from "node:path";
 import type { Sandbox } from "./harness";
-import { checkout } from "./support";
-
-/** The vorn under test, as an absolute path. */
-export function vornBin(): string {
-  return path.resolve(process.env.VORN_BIN ?? "");
-}
-
-/** The Bun the tests run with: the real one, not a stand-in. */
-export const realBun = path.resolve(import.meta.dir, "../node_modules/.bin/bun");
-
-/** Puts the real Bun on the sandbox's PATH (its bin folder) as `bun`. */
-export function bunOnPath(sb: Sandbox): string {
-  return sb.symlink(realBun, "bin/bun");
-}
+import { checkout, onPath } from "./support";
 
 /**
  * A folder holding links to the system tools the shim calls (dirname, find) and nothing else,
  * to put on PATH after sb.bin: the shim finds its tools, and never a bun of this machine.
  */
 export function shimTools(sb: Sandbox): string {
-  for (const name of ["dirname", "find"]) {
-    const where = Bun.which(name);
-    if (!where) throw new Error(`${name} is not on this machine's PATH`);
-    sb.symlink(where, `tools/${name}`);
-  }
+  for (const name of ["dirname", "find"]) sb.symlink(onPath(name), `tools/${name}`);
   return sb.path("tools");
-}
-
-/** The bash that runs the shim in these tests. */
-export function bash(): string {
-  const where = Bun.which("bash");
-  if (!where) throw new Error("bash is not on this machine's PATH");
-  return where;
 }
 
 /** A checkout's script CLI: says it ran, with VORN_REPO_ROOT and its arguments. */

@@ -4,7 +4,7 @@
 import { describe, expect, setDefaultTimeout, test } from "bun:test";
 import fs from "node:fs";
 import path from "node:path";
-import type { Route, Sandbox, Sim } from "./harness";
+import { vornBin, type Route, type Sandbox, type Sim } from "./harness";
 import { byPid, calls, DASH, expectCalls, instanceTable, useSandbox } from "./support";
 
 setDefaultTimeout(60000);
@@ -393,7 +393,7 @@ describe("search run: 10,000 matches", () => {
     sb.file("work/big/d.txt", "needle beyond the cap\n");
     await sb.sim({ id: "s", workspace: ws });
     const log = sb.path("tmp/strace.log");
-    const r = await sb.run(["-f", "-e", "trace=write", "-e", "signal=none", "-o", log, path.resolve(process.env.VORN_BIN!), "search", "run", "needle"], {
+    const r = await sb.run(["-f", "-e", "trace=write", "-e", "signal=none", "-o", log, vornBin(), "search", "run", "needle"], {
       bin: strace!,
     });
     expect(r.stdout).toBe(expected);

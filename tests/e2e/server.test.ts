@@ -5,11 +5,10 @@
 import { describe, expect, setDefaultTimeout, test } from "bun:test";
 import fs from "node:fs";
 import path from "node:path";
-import type { Sandbox, Sim } from "./harness";
+import { vornBin, type Sandbox, type Sim } from "./harness";
 import {
   endHostsAfterEach,
   envWithoutProbe,
-  eventually,
   expectDefaultSigpipe,
   fakeApp,
   hostCheckout,
@@ -25,9 +24,8 @@ import {
   track,
   useProbe,
   useRealBun,
-  VORN,
 } from "./hosts";
-import { DASH, instanceTable, pretty, useSandbox } from "./support";
+import { DASH, eventually, instanceTable, pretty, useSandbox } from "./support";
 
 setDefaultTimeout(60000);
 
@@ -62,9 +60,9 @@ describe("server start --detach", () => {
     useRealBun(sb);
     expect(fs.existsSync(sb.runtimeRoot)).toBe(false);
     const r = await sb.run(["server", "start", "--detach", "../projects/./app/"], { cwd: root });
+    const host = parseStarted(r.stdout)!;
     expect(r.stderr).toBe("");
     expect(r.code).toBe(0);
-    const host = parseStarted(r.stdout)!;
     expect(host).toBeDefined();
     expect(host.sock).toBe(path.join(sb.runtimeRoot, String(host.pid), "fs.sock"));
     expect(host.log).toMatch(new RegExp(`^${sb.runtimeRoot}/server-\\d+\\.log$`));
@@ -111,15 +109,15 @@ describe("server start --detach", () => {
     useRealBun(sb);
     // The shell waits for the end of vorn's output, which only comes when no process holds
     // the pipe any more.
-    const r = await sb.run(["-c", 'out=$("$0" server start --detach) && printf "%s\\n" "$out"', VORN], {
+    const r = await sb.run(["-c", 'out=$("$0" server start --detach) && printf "%s\\n" "$out"', vornBin()], {
       bin: "/bin/sh",
       cwd: root,
       timeoutMs: 20000,
     });
+    const host = parseStarted(r.stdout)!;
     expect(r.timedOut).toBe(false);
     expect(r.stderr).toBe("");
     expect(r.code).toBe(0);
-    const host = parseStarted(r.stdout)!;
     expect(host).toBeDefined();
     expect(running(host.pid)).toBe(true);
   });
@@ -128,15 +126,15 @@ describe("server start --detach", () => {
     const root = hostCheckout(sb, "repo");
     const env = { ...useProbe(sb, { then: true }), VORN_EDITION: "markdown", XDG_RUNTIME_DIR: sb.runtime + "//" };
     // vorn itself is given an extra descriptor, as a careless caller might pass on.
-    const proc = Bun.spawn([VORN, "server", "start", "--detach", sb.work], {
+    const proc = Bun.spawn([vornBin(), "server", "start", "--detach", sb.work], {
       cwd: sb.path("repo"),
       env: sb.env(env),
       stdio: ["ignore", "pipe", "pipe", "pipe"],
     });
     const [stdout, stderr, code] = await Promise.all([new Response(proc.stdout).text(), new Response(proc.stderr).text(), proc.exited]);
+    const host = parseStarted(stdout)!;
     expect(stderr).toBe("");
     expect(code).toBe(0);
-    const host = parseStarted(stdout)!;
     expect(host).toBeDefined();
     const seen = probeRecord(sb, host.pid);
     expect(seen.argv).toEqual([path.join(sb.bin, "bun"), "--conditions=vorn-edition-markdown", `${root}/${SOURCE.headless}`, sb.work]);
@@ -157,9 +155,9 @@ describe("server start --detach", () => {
     const app = fakeApp(sb, "x/Vorn.app", { bun: "real" });
     const root = hostCheckout(sb, "repo");
     const r = await sb.run(["server", "start", "--detach", sb.work], { bin: app.cli, cwd: root, env: { VORN_REPO_ROOT: root } });
+    const host = parseStarted(r.stdout)!;
     expect(r.stderr).toBe("");
     expect(r.code).toBe(0);
-    const host = parseStarted(r.stdout)!;
     expect(host).toBeDefined();
     const inspect = await sb.run(["-o", "json", "instance", "inspect", `sim-${host.pid}`]);
     const [record] = JSON.parse(inspect.stdout);
@@ -232,9 +230,9 @@ describe("server start --detach", () => {
     useRealBun(sb);
     const env = { XDG_RUNTIME_DIR: "" };
     const r = await sb.run(["server", "start", "--detach"], { cwd: root, env });
+    const host = parseStarted(r.stdout)!;
     expect(r.stderr).toBe("");
     expect(r.code).toBe(0);
-    const host = parseStarted(r.stdout)!;
     expect(host.sock).toBe(`vorn/${host.pid}/fs.sock`);
     expect(host.log).toMatch(/^vorn\/server-\d+\.log$/);
     expect(fs.readFileSync(path.join(root, host.log), "utf8")).toBe(`ready ${host.pid} ${path.join(root, host.sock)}\n`);
@@ -292,7 +290,7 @@ describe("server start in the foreground", () => {
     const root = hostCheckout(sb, "repo");
     const work = sb.dir("work/app");
     useRealBun(sb);
-    const proc = Bun.spawn([VORN, "server", "start", work], {
+    const proc = Bun.spawn([vornBin(), "server", "start", work], {
       cwd: root,
       env: sb.env(),
       stdio: ["ignore", "pipe", "pipe"],

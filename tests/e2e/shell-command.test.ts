@@ -5,11 +5,10 @@ import { describe, expect, setDefaultTimeout, test } from "bun:test";
 import fs from "node:fs";
 import os from "node:os";
 import path from "node:path";
-import type { RunResult, Sandbox } from "./harness";
+import { vornBin, type RunResult, type Sandbox } from "./harness";
+import { useRealBun } from "./hosts";
 import {
-  bash,
   brewVorn,
-  bunOnPath,
   fakeApp,
   nativeBuild,
   nativeRel,
@@ -18,9 +17,8 @@ import {
   shimPath,
   shimTools,
   touchSource,
-  vornBin,
 } from "./installs";
-import { checkout, DASH, exists, pretty, useSandbox } from "./support";
+import { checkout, DASH, exists, onPath, pretty, useSandbox } from "./support";
 
 setDefaultTimeout(60000);
 
@@ -221,14 +219,11 @@ describe("a shim path that is not a readable file", () => {
     expect(fs.lstatSync(shim).isFIFO()).toBe(true);
   });
 
-  test("an unreadable file: every verb fails clearly and touches nothing", async () => {
-    // Root reads every file, so as root the commands run as another user (where that works).
-    const asRoot = process.getuid?.() === 0;
-    const setpriv = Bun.which("setpriv");
-    if (asRoot && !setpriv) {
-      console.warn("skipped: running as root without setpriv to act as another user");
-      return;
-    }
+  // Root reads every file, so as root the commands run as another user (where that works):
+  // skipped as root without setpriv to act as one.
+  const asRoot = process.getuid?.() === 0;
+  const setpriv = Bun.which("setpriv");
+  test.skipIf(asRoot && !setpriv)("an unreadable file: every verb fails clearly and touches nothing", async () => {
     let home = sb.home;
     let run = (verb: string) => sb.run(["shell-command", verb]);
     let cleanup = () => {};
@@ -288,7 +283,7 @@ describe("the shim, run by bash", () => {
   // Runs the installed shim with bash in `cwd`; PATH holds sb.bin (bun when a test put it
   // there) and the shim's system tools, nothing else.
   const runShim = (args: string[], cwd: string, env: Record<string, string | undefined> = {}) =>
-    sb.run([shim, ...args], { bin: bash(), cwd, env: { PATH: `${sb.bin}:${tools}`, ...env } });
+    sb.run([shim, ...args], { bin: onPath("bash"), cwd, env: { PATH: `${sb.bin}:${tools}`, ...env } });
 
   const prepare = async (installFrom?: string, env: Record<string, string> = {}) => {
     tools = shimTools(sb);
@@ -298,7 +293,7 @@ describe("the shim, run by bash", () => {
   test("a fresh native build runs, with VORN_REPO_ROOT set to its checkout", async () => {
     const root = scriptCheckout(sb, "repo");
     nativeBuild(sb, "repo");
-    bunOnPath(sb);
+    useRealBun(sb);
     await prepare();
     const r = await runShim(["a b", "--x=\"q\""], sb.dir("repo/deep/er"));
     expect([r.stdout, r.stderr, r.code]).toEqual([`native root=${root} args=a b --x="q"\n`, "", 0]);
@@ -316,7 +311,7 @@ describe("the shim, run by bash", () => {
     const root = scriptCheckout(sb, "repo");
     nativeBuild(sb, "repo");
     touchSource(sb, "repo");
-    bunOnPath(sb);
+    useRealBun(sb);
     await prepare();
     const r = await runShim(["instance", "list"], sb.path("repo"));
     expect([r.stdout, r.stderr, r.code]).toEqual([scriptSays(root, ["instance", "list"]), "", 0]);
@@ -326,7 +321,7 @@ describe("the shim, run by bash", () => {
     const root = scriptCheckout(sb, "repo");
     nativeBuild(sb, "repo");
     sb.file("repo/cli/native/CMakeLists.txt", "project(vorn) # changed\n");
-    bunOnPath(sb);
+    useRealBun(sb);
     await prepare();
     const r = await runShim([], sb.path("repo"));
     expect([r.stdout, r.stderr, r.code]).toEqual([scriptSays(root, []), "", 0]);
@@ -347,7 +342,7 @@ describe("the shim, run by bash", () => {
 
   test("without a native build the script CLI runs with bun", async () => {
     const root = scriptCheckout(sb, "repo");
-    bunOnPath(sb);
+    useRealBun(sb);
     await prepare();
     const r = await runShim(["file", "open", "main.go:3"], sb.dir("repo/src"));
     expect([r.stdout, r.stderr, r.code]).toEqual([scriptSays(root, ["file", "open", "main.go:3"]), "", 0]);
@@ -361,7 +356,7 @@ describe("the shim, run by bash", () => {
     const here = scriptCheckout(sb, "here");
     const named = scriptCheckout(sb, "named");
     const fallback = scriptCheckout(sb, "fallback");
-    bunOnPath(sb);
+    useRealBun(sb);
     await prepare(fallback);
     const inHere = await runShim([], sb.path("here"), { VORN_REPO_ROOT: named });
     expect(inHere.stdout).toBe(scriptSays(here, []));
@@ -373,14 +368,14 @@ describe("the shim, run by bash", () => {
 
   test("outside any checkout the app's CLI runs", async () => {
     const { app } = fakeApp(sb);
-    bunOnPath(sb);
+    useRealBun(sb);
     await prepare(undefined, { VORN_APP: app });
     const r = await runShim(["instance", "list", "-o", "json"], sb.work);
     expect([r.stdout, r.stderr, r.code]).toEqual(["app args=instance list -o json\n", "", 0]);
   });
 
   test("with no checkout and no app: CLI not found", async () => {
-    bunOnPath(sb);
+    useRealBun(sb);
     await prepare();
     const r = await runShim(["instance", "list"], sb.work);
     expect(r.stdout).toBe("");

@@ -7,7 +7,8 @@
 // completion (the script registers with that default); fish lists the files itself.
 
 import path from "node:path";
-import type { Sandbox } from "./harness";
+import { vornBin, type Sandbox } from "./harness";
+import { onPath } from "./support";
 
 export type Shell = "bash" | "zsh" | "fish";
 export const SHELLS: Shell[] = ["bash", "zsh", "fish"];
@@ -34,16 +35,10 @@ export interface ShellRun {
   code: number | null;
 }
 
-function which(program: string): string {
-  const found = Bun.which(program);
-  if (!found) throw new Error(`${program} is not installed (make test installs it)`);
-  return found;
-}
-
 export async function runShell(sb: Sandbox, argv: string[], opts: CompleteOptions = {}): Promise<ShellRun> {
   const dirs = opts.pathDirs ?? [sb.bin];
   const env = sb.env({ PATH: [...dirs, "/usr/bin", "/bin"].join(":"), XDG_CONFIG_HOME: sb.path("home/.config"), ...opts.env });
-  const proc = Bun.spawn([which(argv[0]), ...argv.slice(1)], { cwd: sb.work, env, stdin: "ignore", stdout: "pipe", stderr: "pipe" });
+  const proc = Bun.spawn([onPath(argv[0]), ...argv.slice(1)], { cwd: sb.work, env, stdin: "ignore", stdout: "pipe", stderr: "pipe" });
   const timer = setTimeout(() => proc.kill("SIGKILL"), 30000);
   const [stdout, stderr] = await Promise.all([new Response(proc.stdout).text(), new Response(proc.stderr).text()]);
   await proc.exited;
@@ -98,7 +93,7 @@ export async function completion(sb: Sandbox, shell: Shell, line: string, opts: 
     runShell(sb, argv, {
       pathDirs: opts.pathDirs ?? (prefix ? [path.join(prefix, "bin")] : undefined),
       // The script is printed by the vorn under test; the script itself runs whichever vorn is on PATH.
-      env: { ...extra, VORN_UNDER_TEST: path.resolve(process.env.VORN_BIN!), XDG_DATA_DIRS: prefix && path.join(prefix, "share"), ...opts.env },
+      env: { ...extra, VORN_UNDER_TEST: vornBin(), XDG_DATA_DIRS: prefix && path.join(prefix, "share"), ...opts.env },
     });
   const mode = prefix ? "installed" : (source as string);
   if (shell === "bash") {
@@ -124,7 +119,13 @@ export async function completion(sb: Sandbox, shell: Shell, line: string, opts: 
   return { words: words.sort(), registration: "", stderr: out.stderr };
 }
 
-/** The sorted words a shell offers at the end of `line`. */
+/**
+ * The sorted words a shell offers at the end of `line`. Throws when the shell wrote anything to
+ * standard error: the scripts are silent, so what an error message there says is that the
+ * completion failed, and its "nothing offered" must not pass for an answer.
+ */
 export async function complete(sb: Sandbox, shell: Shell, line: string, opts: CompleteOptions = {}): Promise<string[]> {
-  return (await completion(sb, shell, line, opts)).words;
+  const got = await completion(sb, shell, line, opts);
+  if (got.stderr !== "") throw new Error(`${shell} wrote to stderr completing ${JSON.stringify(line)}: ${got.stderr}`);
+  return got.words;
 }

@@ -5,23 +5,13 @@ import { describe, expect, test } from "bun:test";
 import fs from "node:fs";
 import path from "node:path";
 import { exchange, request, requestBytes, type Sandbox } from "./harness";
-import { exists, useSandbox } from "./support";
+import { eventually, exists, useSandbox } from "./support";
 
 const BUN = process.execPath;
 const SIM_DIR = path.join(import.meta.dir, "..", "sim");
 
 let sb: Sandbox;
 useSandbox((fresh) => (sb = fresh));
-
-/** Waits up to `ms` for nothing to be left at `p`; whether it is gone. */
-async function waitGone(p: string, ms = 5000): Promise<boolean> {
-  const deadline = Date.now() + ms;
-  while (Date.now() < deadline) {
-    if (!exists(p)) return true;
-    await Bun.sleep(10);
-  }
-  return !exists(p);
-}
 
 describe("life cycle", () => {
   test("POST /quit answers, exits and removes the folder", async () => {
@@ -184,7 +174,8 @@ describe("fleet", () => {
     const stop = fleet(["stop", "--runtime", sb.runtime]);
     expect(stop.exitCode).toBe(0);
     expect(stop.stderr.toString()).toBe("stopped 4 simulator(s)\n");
-    expect(await waitGone(path.join(sb.runtime, "sim-fleet.pids"))).toBe(true);
+    const pids = path.join(sb.runtime, "sim-fleet.pids");
+    expect(await eventually(() => !exists(pids), 5000)).toBe(true);
     expect(sb.runtimeEntries()).toEqual([]);
   });
 });

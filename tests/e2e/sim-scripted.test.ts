@@ -209,6 +209,16 @@ describe("scripted replies", () => {
     await expect(sb.sim({ routes: [{ path: "/x", bodyFile: "/f", writes: [1] }] })).rejects.toThrow('"writes" cannot shape');
   });
 
+  test("a bodyFile that cannot be read is refused at start, and when added live", async () => {
+    const missing = sb.path("tmp/missing.json");
+    await expect(sb.sim({ routes: [{ path: "/x", bodyFile: missing }] })).rejects.toThrow(`"bodyFile" must be a readable file: ${missing} (ENOENT)`);
+    const folder = sb.dir("tmp/folder.json");
+    await expect(sb.sim({ routes: [{ path: "/x", bodyFile: folder }] })).rejects.toThrow(`"bodyFile" must be a readable file: ${folder} (not a file)`);
+    const s = await sb.sim();
+    await expect(s.addRoute({ path: "/x", bodyFile: missing })).rejects.toThrow(`addRoute: "bodyFile" must be a readable file: ${missing} (ENOENT)`);
+    expect((await request(s.sock, "GET", "/x")).status).toBe(404);
+  });
+
   test("a scenario with a typo is refused at start", async () => {
     await expect(sb.sim({ routes: [{ path: "/health", stauts: 500 } as never] })).rejects.toThrow('unknown key "stauts"');
     await expect(sb.sim({ sock: "maybe" as never })).rejects.toThrow('"sock" must be');

@@ -1,6 +1,7 @@
 // Helpers the end-to-end tests share: a sandbox per test or per file, the exact bytes vorn
 // sends for a request, views of what a simulated instance received, and texts vorn prints
-// (pretty JSON, the instance table), and whether a path is there.
+// (pretty JSON, the instance table), whether a path is there, waiting for something to hold, and
+// finding a program on this machine's PATH.
 //
 //   let sb: Sandbox;
 //   useSandbox((fresh) => (sb = fresh));
@@ -143,4 +144,21 @@ export function exists(p: string): boolean {
   } catch {
     return false;
   }
+}
+
+/** Polls `check` until it holds or `ms` pass; whether it held (checked once more at the end). */
+export async function eventually(check: () => boolean, ms = 15000): Promise<boolean> {
+  const deadline = Date.now() + ms;
+  for (;;) {
+    if (check()) return true;
+    if (Date.now() > deadline) return false;
+    await Bun.sleep(20);
+  }
+}
+
+/** Where a program is on this machine's PATH; throws when it is not there. */
+export function onPath(program: string): string {
+  const found = Bun.which(program);
+  if (!found) throw new Error(`${program} is not on this machine's PATH (scripts/ensure-deps.sh installs what the tests need)`);
+  return found;
 }

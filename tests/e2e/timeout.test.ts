@@ -4,9 +4,8 @@
 // road: an unreachable instance in the scan, a failed row in a fan-out, the command's error.
 
 import { describe, expect, setDefaultTimeout, test } from "bun:test";
-import path from "node:path";
-import type { Sandbox, Sim } from "./harness";
-import { byPid, DASH, instanceTable, pretty, requestLog, useSandbox } from "./support";
+import { vornBin, type Sandbox, type Sim } from "./harness";
+import { byPid, DASH, eventually, instanceTable, pretty, requestLog, useSandbox } from "./support";
 
 setDefaultTimeout(60000);
 
@@ -15,20 +14,11 @@ useSandbox((fresh) => (sb = fresh));
 
 const hang = (method: string, path: string) => ({ method, path, action: "hang" as const });
 
-// Polls `done` until it holds, failing the test after `ms`.
-async function until(done: () => boolean, what: string, ms = 20000): Promise<void> {
-  const giveUp = Date.now() + ms;
-  while (!done()) {
-    if (Date.now() > giveUp) throw new Error(`gave up waiting: ${what}`);
-    await Bun.sleep(20);
-  }
-}
-
 // Runs vorn without VORN_TIMEOUT until `sim` has received `request` (method and target), then
 // checks again and again for a while that vorn has not exited: it is waiting for the reply.
 // Then ends it.
 async function expectStillWaiting(args: string[], sim: Sim, request: string, opts: { cwd?: string } = {}): Promise<void> {
-  const proc = Bun.spawn([path.resolve(process.env.VORN_BIN!), ...args], {
+  const proc = Bun.spawn([vornBin(), ...args], {
     cwd: opts.cwd ?? sb.work,
     env: sb.env(),
     stdin: "ignore",
@@ -38,7 +28,7 @@ async function expectStillWaiting(args: string[], sim: Sim, request: string, opt
   let exited = false;
   proc.exited.then(() => (exited = true));
   try {
-    await until(() => requestLog(sim).includes(request) || exited, `${request} to arrive`);
+    expect(await eventually(() => requestLog(sim).includes(request) || exited, 20000)).toBe(true);
     for (let i = 0; i < 10; i++) {
       expect(exited).toBe(false);
       await Bun.sleep(50);

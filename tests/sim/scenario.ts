@@ -2,6 +2,8 @@
 // JSON file and/or command-line flags, checked strictly so that a typo in a
 // test's scenario fails loudly instead of silently doing nothing.
 
+import fs from "node:fs";
+
 export type Headers = Record<string, string> | [string, string][];
 
 // One scripted route. A route that sets none of action, status, json, body,
@@ -20,7 +22,7 @@ export interface Route {
   body?: string; // body as UTF-8 text
   bodyBase64?: string;
   // Large bodies, sent in pieces as the client reads them and never built whole in one reply:
-  bodyFile?: string; // the bytes of this file (read once, on first use)
+  bodyFile?: string; // the bytes of this file (read once, on first use; it must be readable at start)
   jsonStringBytes?: number; // a JSON string ("xx...x") of exactly this many bytes, quotes included
   headers?: Headers; // extra headers; one named like a default header replaces it
   contentLength?: number | false; // lie about the length, or send none
@@ -157,6 +159,17 @@ function intList(v: unknown, positive: boolean): boolean {
   return Array.isArray(v) && v.every((n) => nonNegInt(n) && (!positive || (n as number) > 0));
 }
 
+// Why a file cannot be read as a body, or undefined when it can.
+function unreadableFile(file: string): string | undefined {
+  try {
+    if (!fs.statSync(file).isFile()) return "not a file";
+    fs.accessSync(file, fs.constants.R_OK);
+    return undefined;
+  } catch (e) {
+    return (e as NodeJS.ErrnoException).code ?? String(e);
+  }
+}
+
 export function checkRoute(r: unknown, where: string): Route {
   if (!isObject(r)) throw new ScenarioError(`${where}: must be an object`);
   for (const k of Object.keys(r)) if (!ROUTE_KEYS.has(k)) throw new ScenarioError(`${where}: unknown key "${k}"`);
@@ -191,6 +204,10 @@ export function checkRoute(r: unknown, where: string): Route {
   for (const k of ["chunkEnd", "keepOpen", "crashAfter"])
     if (r[k] !== undefined && typeof r[k] !== "boolean") throw new ScenarioError(`${where}: "${k}" must be a boolean`);
   if (r.crashAfter === true && r.action === "hang") throw new ScenarioError(`${where}: "crashAfter" needs a reply to follow ("hang" never ends)`);
+  if (typeof r.bodyFile === "string") {
+    const problem = unreadableFile(r.bodyFile);
+    if (problem) throw new ScenarioError(`${where}: "bodyFile" must be a readable file: ${r.bodyFile} (${problem})`);
+  }
   return r as unknown as Route;
 }
 
