@@ -5,6 +5,8 @@
 #include <cmath>
 #include <cstring>
 
+#include "json/decimal.h"
+
 namespace vorn {
 
 namespace {
@@ -120,21 +122,12 @@ void appendInt(std::string& out, int64_t i) {
 
 // The shortest digits that read back to v, laid out in plain or exponent notation.
 void appendShortest(std::string& out, double v) {
-  char buf[40];
-  auto r = std::to_chars(buf, buf + sizeof buf, v, std::chars_format::scientific);
-  // r is "[-]d[.ddd]e(+|-)xx"
-  const char* p = buf;
-  bool negative = *p == '-';
-  if (negative) ++p;
+  Decimal::Digits shortest = Decimal::shortest(v);
   char digits[24];
-  int n = 0;
-  for (; p < r.ptr && *p != 'e'; ++p) {
-    if (*p != '.') digits[n++] = *p;
-  }
-  int exponent = 0;
-  std::from_chars(p + 1 + (p[1] == '+'), r.ptr, exponent);
+  int n = Decimal::writeDigits(digits, shortest.significand);
+  int exponent = shortest.exponent + n - 1;  // of the first digit
 
-  if (negative) out.push_back('-');
+  if (v < 0) out.push_back('-');
   double a = std::fabs(v);
   if (a >= 1e-4 && a < 9007199254740992.0) {
     if (exponent < 0) {

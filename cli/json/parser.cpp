@@ -31,38 +31,6 @@ void appendScalar(std::string& out, uint32_t c) {
   }
 }
 
-bool overflows(const char* p, const char* end) {
-  if (p < end && (*p == '-' || *p == '+')) ++p;
-  long long wholeDigits = 0, leadingZeros = 0;
-  bool seenNonZero = false, inFraction = false;
-  for (; p < end && *p != 'e' && *p != 'E'; ++p) {
-    if (*p == '.') {
-      inFraction = true;
-      continue;
-    }
-    if (!inFraction) ++wholeDigits;
-    if (!seenNonZero) {
-      if (*p == '0') {
-        ++leadingZeros;
-      } else {
-        seenNonZero = true;
-      }
-    }
-  }
-  long long exponent = 0;
-  if (p < end) {
-    ++p;
-    bool negative = false;
-    if (p < end && (*p == '-' || *p == '+')) negative = *p++ == '-';
-    for (; p < end; ++p) {
-      if (exponent < 1000000000) exponent = exponent * 10 + (*p - '0');
-    }
-    if (negative) exponent = -exponent;
-  }
-  // The first significant digit stands at 10^(wholeDigits - leadingZeros - 1 + exponent).
-  return wholeDigits - leadingZeros - 1 + exponent >= 0;
-}
-
 }  // namespace JSONDetail
 
 namespace {

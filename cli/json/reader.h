@@ -3,7 +3,6 @@
 // reply without keeping the rest.
 #pragma once
 
-#include <charconv>
 #include <cstdint>
 #include <cstring>
 #include <iterator>
@@ -12,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "json/decimal.h"
 #include "json/json.h"
 
 namespace vorn {
@@ -48,9 +48,6 @@ inline int hexValue(unsigned char c) {
 
 // Appends the UTF-8 bytes of a Unicode scalar.
 void appendScalar(std::string& out, uint32_t c);
-// For a number run that the conversion accepted but that is out of the double range: true
-// when its magnitude is too large (infinity), false when too small (zero).
-bool overflows(const char* p, const char* end);
 
 // Whether a sink wants the text of strings and keys. One that declares keepsText = false is
 // only checking that the text parses, and strings are then scanned without being copied.
@@ -322,14 +319,7 @@ class JSONReader {
       if (first == last || *first == '+' || *first == '-') fail("bad number");
     }
     double v = 0;
-    auto r = std::from_chars(first, last, v);
-    if (r.ptr != last) fail("bad number");
-    if (r.ec == std::errc::result_out_of_range) {
-      v = JSONDetail::overflows(first, last) ? std::numeric_limits<double>::infinity() : 0.0;
-      if (*first == '-') v = -v;
-    } else if (r.ec != std::errc()) {
-      fail("bad number");
-    }
+    if (Decimal::toDouble(first, last, v) != last) fail("bad number");
     return v;
   }
 

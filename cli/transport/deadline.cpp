@@ -1,10 +1,10 @@
 #include "transport/deadline.h"
 
 #include <algorithm>
-#include <charconv>
 #include <climits>
 #include <cmath>
 
+#include "json/decimal.h"
 #include "json/json.h"
 #include "transport/transport.h"
 
@@ -35,8 +35,8 @@ std::optional<double> parseTimeout(std::string_view text) {
   }
   if (digits == 0 || points > 1) return std::nullopt;
   double seconds = 0;
-  auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), seconds);
-  if (ec != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  const char* end = text.data() + text.size();
+  if (Decimal::toDouble(text.data(), end, seconds) != end) return std::nullopt;
   if (!std::isfinite(seconds) || seconds <= 0) return std::nullopt;
   return seconds;
 }

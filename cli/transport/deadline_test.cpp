@@ -274,7 +274,7 @@ class Interruptions {
   Interruptions() : target_(::pthread_self()) {
     struct sigaction action {};
     action.sa_handler = [](int) {};
-    ::sigemptyset(&action.sa_mask);
+    sigemptyset(&action.sa_mask);  // a macro on macOS, so not ::-qualified
     ::sigaction(SIGUSR1, &action, &previous_);
     thread_ = std::thread([this] {
       while (!done_) {
