@@ -15,6 +15,7 @@
 #include "core/text.h"
 #include "instances/instances.h"
 #include "paths/paths.h"
+#include "process/zombie.h"
 #include "transport/transport.h"
 #include "transport/unique_fd.h"
 
@@ -205,11 +206,7 @@ bool pidAlive(int64_t pid) {
   pid_t id = static_cast<pid_t>(pid);
   if (::kill(id, 0) != 0) return errno == EPERM;
   // A zombie still answers kill(0) but will never serve again.
-  std::string stat = Paths::readFile("/proc/" + std::to_string(id) + "/stat").value_or("");
-  if (stat.empty()) return true;
-  size_t close = stat.rfind(')');
-  if (close == std::string::npos || close + 2 >= stat.size()) return true;
-  return stat[close + 2] != 'Z';
+  return !isZombie(id);
 }
 
 double folderAgeMs(double nowSeconds, int64_t mtimeSeconds, int64_t mtimeNanoseconds) {

@@ -44,6 +44,15 @@ TEST(CaptureOutput, TheChildGetsNoOtherDescriptorOfTheCaller) {
   ::close(inherited);
 }
 
+TEST(CaptureOutput, TheChildKeepsItsStandardError) {
+  // Only standard output is captured; standard error stays the caller's, open, so a file the
+  // child opens never takes descriptor 2 (its next descriptor is 3).
+  Captured run = shell("if [ -e /dev/fd/2 ]; then echo open; else echo closed; fi; "
+                       "ls /dev/fd/ | sort -n | head -3 | tr '\\n' ' '");
+  EXPECT_EQ(run.output, "open\n0 1 2 ");
+  EXPECT_EQ(run.status, 0);
+}
+
 TEST(CaptureOutput, RunsInTheGivenDirectoryWithExactlyTheGivenEnvironment) {
   TempDir tmp;
   EXPECT_EQ(shell("pwd", 1 << 20, tmp.path()).output, tmp.path() + "\n");

@@ -34,8 +34,12 @@ bool SpawnAttributes::addFlags(short flags) {
 // The one platform difference of spawning: how a child is kept from inheriting descriptors.
 bool closeOtherDescriptors(SpawnAttributes& attributes, SpawnFileActions& actions) {
 #if defined(__APPLE__)
-  // Only the descriptors made by the file actions survive the spawn.
-  (void)actions;
+  // Only the descriptors named by the file actions survive the spawn there, so the standard
+  // streams the actions leave alone (a captured child's stderr) are named here: without that the
+  // child starts with them closed and its next open file takes their number.
+  for (int fd = 0; fd <= 2; ++fd) {
+    if (::posix_spawn_file_actions_addinherit_np(actions.get(), fd) != 0) return false;
+  }
   return attributes.addFlags(POSIX_SPAWN_CLOEXEC_DEFAULT);
 #elif defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 34))
   (void)attributes;

@@ -51,9 +51,9 @@ class SpawnFileActions {
   bool ready_ = false;
 };
 
-// Leaves the child only the descriptors the file actions set up (0, 1 and 2): nothing else this
-// process holds or inherited reaches it, so a child that outlives the CLI keeps none of the
-// caller's pipes open. False when the system refused.
+// Leaves the child only its standard streams (0, 1 and 2, as the file actions set them up or as
+// inherited): nothing else this process holds or inherited reaches it, so a child that outlives
+// the CLI keeps none of the caller's pipes open. False when the system refused.
 bool closeOtherDescriptors(SpawnAttributes& attributes, SpawnFileActions& actions);
 
 // argv as the NUL-terminated array of C strings that exec and spawn take; the pointers stay

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "transport/deadline.h"
+#include "transport/listen_queue.h"
 #include "transport/unique_fd.h"
 
 namespace vorn {
@@ -79,14 +80,10 @@ void connectUnix(int fd, const std::string& sock, const Deadline& deadline) {
   auto attempt = [&] {
     return ::connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0 ? 0 : errno;
   };
-  int err = attempt();
-  // A full listen queue (EAGAIN on Linux) leaves the socket unconnected. A blocking connect
-  // would wait for room; this one tries again after a growing pause, within the deadline.
-  for (int pauseMs = 1; wouldBlock(err); pauseMs = std::min(pauseMs * 2, 50)) {
-    int left = deadline.pollMs();
-    ::poll(nullptr, 0, left < 0 ? pauseMs : std::min(pauseMs, left));
-    err = attempt();
-  }
+  // A full listen queue leaves the socket unconnected. A blocking connect would wait for room;
+  // this one tries again after a growing pause, within the deadline.
+  int err = Transport::connectPatiently(
+      attempt, [&] { return Transport::refusalMayBeFullQueue(sock); }, deadline);
   if (err == EINPROGRESS || err == EINTR) {
     // The connection is being made in the background; wait for its result.
     awaitReady(fd, POLLOUT, deadline, "connect " + sock + ": ");
