@@ -4,8 +4,9 @@ BUILD   ?= build
 PREFIX  ?= /usr/local
 CMAKE_FLAGS ?=
 JOBS    ?= $(shell nproc 2>/dev/null || sysctl -n hw.ncpu 2>/dev/null || echo 2)
+SYSTEM  := $(shell uname)
 
-.PHONY: all deps configure build dev test unit e2e demo bench bench-cli bench-build fuzz fuzz-build fuzz-targets fuzz-test fuzz-short install uninstall clean format
+.PHONY: all deps configure build dev test unit e2e demo bench bench-cli bench-build fuzz fuzz-build fuzz-targets fuzz-test fuzz-short install uninstall clean format libcxx-test macos-check toolchain
 
 all: build
 
@@ -32,7 +33,44 @@ dev:
 test: deps configure tests/node_modules/.installed
 	cmake --build $(BUILD) -j $(JOBS)
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
-	$(MAKE) fuzz-short
+	$(MAKE) --no-print-directory libcxx-test macos-check fuzz-short
+
+# The program and every test again, built with clang and LLVM's libc++ (the C++ library of
+# macOS), GoogleTest rebuilt for it: the unit tests and the end-to-end suite run against that
+# binary. On a Mac the native build already is one.
+LIBCXX_BUILD ?= $(BUILD)-libcxx
+GTEST_SOURCE ?= /usr/src/googletest
+
+$(LIBCXX_BUILD)/build.ninja:
+	cmake -S . -B $(LIBCXX_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release \
+	  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_CXX_FLAGS=-stdlib=libc++ \
+	  -DVORN_GTEST_SOURCE=$(GTEST_SOURCE) -DVORN_SANITIZED_TESTS=OFF
+
+libcxx-test: tests/node_modules/.installed
+ifeq ($(SYSTEM),Darwin)
+	@echo "libcxx-test: skipped: the native build uses libc++ already"
+else
+	@$(MAKE) --no-print-directory $(LIBCXX_BUILD)/build.ninja
+	cmake --build $(LIBCXX_BUILD) -j $(JOBS)
+	cd $(LIBCXX_BUILD) && ctest --output-on-failure -j $(JOBS)
+endif
+
+# Cross-compiles and links vorn and its unit tests for Apple silicon and Intel Macs with Zig
+# (from toolchain/, npm), and checks the binaries and the availability of what they call.
+toolchain: toolchain/node_modules/.installed
+
+toolchain/node_modules/.installed: toolchain/package.json toolchain/package-lock.json
+	cd toolchain && npm ci --no-audit --no-fund
+	touch $@
+
+macos-check:
+ifeq ($(SYSTEM),Darwin)
+	@echo "macos-check: skipped: on a Mac the native build is the macOS build"
+else
+	@$(MAKE) --no-print-directory toolchain configure
+	cmake --build $(BUILD) --target vorn_generated -j $(JOBS)
+	JOBS=$(JOBS) scripts/macos-build.sh $(BUILD)
+endif
 
 tests/node_modules/.installed: tests/package.json tests/package-lock.json
 	cd tests && npm ci --no-audit --no-fund
@@ -103,4 +141,4 @@ format:
 	clang-format -i $$(git ls-files 'cli/*.cpp' 'cli/*.h' 'bench/*.cpp')
 
 clean:
-	rm -rf $(BUILD) $(BUILD)-bench $(FUZZ_BUILD)
+	rm -rf $(BUILD) $(BUILD)-bench $(FUZZ_BUILD) $(LIBCXX_BUILD) $(BUILD)-macos-aarch64 $(BUILD)-macos-x86_64

@@ -2,21 +2,21 @@
 
 namespace vorn {
 
-namespace {
-
-OptionSpec sw(std::string name, std::string summary) {
+OptionSpec switchOption(std::string name, std::string summary) {
   return {std::move(name), std::nullopt, std::nullopt, std::move(summary)};
 }
-OptionSpec sw(std::string name, std::string alias, std::string summary) {
+OptionSpec switchOption(std::string name, std::string alias, std::string summary) {
   return {std::move(name), std::move(alias), std::nullopt, std::move(summary)};
 }
-OptionSpec val(std::string name, std::string value, std::string summary) {
+OptionSpec valueOption(std::string name, std::string value, std::string summary) {
   return {std::move(name), std::nullopt, std::move(value), std::move(summary)};
 }
 
+namespace {
+
 std::vector<NounSpec> buildNouns() {
   const OptionSpec noWait =
-      sw("--no-wait", "return once the run started (summary has started: true)");
+      switchOption("--no-wait", "return once the run started (summary has started: true)");
   return {
       {"instance",
        "Live Vorn instances (one per window / vorn server; AF_UNIX control sockets)",
@@ -24,8 +24,8 @@ std::vector<NounSpec> buildNouns() {
            {"list",
             "vorn instance list [--prune] [-q]",
             "list every live instance; unreachable dirs are reported on stderr",
-            {sw("--prune", "remove unreachable <pid>/ dirs first (as instance prune)"),
-             sw("--quiet", "-q", "only the ids, one per line (no stale-dir warning)")}},
+            {switchOption("--prune", "remove unreachable <pid>/ dirs first (as instance prune)"),
+             switchOption("--quiet", "-q", "only the ids, one per line (no stale-dir warning)")}},
            {"inspect",
             "vorn instance inspect [ID...]",
             "JSON detail per instance: health, workspace, language, diagnostics counts "
@@ -50,7 +50,7 @@ std::vector<NounSpec> buildNouns() {
             "vorn workspace open <dir> [--new]",
             "open a folder: in the one picked with -i, this checkout's dev app, the only "
             "instance, or a new one (--new); launches Vorn when none runs",
-            {sw("--new", "always launch a new instance")}},
+            {switchOption("--new", "always launch a new instance")}},
            {"show",
             "vorn workspace show",
             "GET /workspace: root, name, Go environment (default: every instance)",
@@ -84,9 +84,9 @@ std::vector<NounSpec> buildNouns() {
             "vorn command run <id> [args\u2026] [--yes]",
             "POST /command: run one command (-a fans out; webview commands are "
             "fire-and-forget)",
-            {sw("--yes",
-                "confirm a command that asks first (go-mod-tidy, go-mod-vendor, "
-                "go-clean-modcache)")}},
+            {switchOption("--yes",
+                          "confirm a command that asks first (go-mod-tidy, go-mod-vendor, "
+                          "go-clean-modcache)")}},
        }},
       {"diagnostics",
        "Problems: language server, analyzer and test diagnostics",
@@ -94,7 +94,7 @@ std::vector<NounSpec> buildNouns() {
            {"list",
             "vorn diagnostics list [--source S]",
             "GET /diagnostics: Problems rows and analyzer run state",
-            {val("--source", "S", "only rows from S (gopls, nogo, \"go test\")")}},
+            {valueOption("--source", "S", "only rows from S (gopls, nogo, \"go test\")")}},
        }},
       {"nogo",
        "Bazel nogo analyzers (Bazel workspaces)",
@@ -111,11 +111,11 @@ std::vector<NounSpec> buildNouns() {
             "vorn search run <pattern> [--regex] [--case] [--word] [--include GLOBS] "
             "[--exclude GLOBS] [--max N]",
             "GET /search: prints path:line:col: preview (exit 1 when nothing matched)",
-            {sw("--regex", "pattern is a regular expression"), sw("--case", "match case"),
-             sw("--word", "whole word"),
-             val("--include", "GLOBS", "only these files (VS Code-style: *.go, pkg/)"),
-             val("--exclude", "GLOBS", "skip these files"),
-             val("--max", "N", "result cap (default 10k)")}},
+            {switchOption("--regex", "pattern is a regular expression"),
+             switchOption("--case", "match case"), switchOption("--word", "whole word"),
+             valueOption("--include", "GLOBS", "only these files (VS Code-style: *.go, pkg/)"),
+             valueOption("--exclude", "GLOBS", "skip these files"),
+             valueOption("--max", "N", "result cap (default 10k)")}},
        }},
       {"test",
        "Tests: run, rerun, cancel, last result (exit 1 on failures)",
@@ -124,9 +124,10 @@ std::vector<NounSpec> buildNouns() {
             "vorn test run [<dir>|<file>[:line]|./...] [--cover] [--no-wait]",
             "POST /test: dir = that package, file:line = innermost test/subtest at the line, "
             "_test.go = its tests, ./... or none = workspace",
-            {sw("--cover",
-                "collect coverage: the summary's coverage has the total and per-package %; the "
-                "editor marks lines"),
+            {switchOption(
+                 "--cover",
+                 "collect coverage: the summary's coverage has the total and per-package %; the "
+                 "editor marks lines"),
              noWait}},
            {"rerun",
             "vorn test rerun last|failed [--no-wait]",
@@ -165,7 +166,8 @@ std::vector<NounSpec> buildNouns() {
             "vorn server start [dir] [--detach]",
             "headless host on the shared runtime dir; UI verbs answer requires-UI. Foreground "
             "until Ctrl-C / vorn instance quit",
-            {sw("--detach", "start in the background and print its pid, socket and log")}},
+            {switchOption("--detach",
+                          "start in the background and print its pid, socket and log")}},
        }},
       {"remote",
        "Remote development over SSH (docs/remote.md): the host runs on the box, the window "
@@ -176,10 +178,11 @@ std::vector<NounSpec> buildNouns() {
             "install / upgrade the host on the box under ~/.vorn-server/<version>/, start one "
             "for the folder and forward its socket; opens a window (macOS) or, with "
             "--no-window, stays in the foreground as an instance",
-            {sw("--no-window",
-                "no window: forward the host to an instance socket here until Ctrl-C (default "
-                "on Linux)"),
-             val("--ssh-config", "FILE", "ssh -F FILE instead of ~/.ssh/config")}},
+            {switchOption(
+                 "--no-window",
+                 "no window: forward the host to an instance socket here until Ctrl-C (default "
+                 "on Linux)"),
+             valueOption("--ssh-config", "FILE", "ssh -F FILE instead of ~/.ssh/config")}},
        }},
       {"doctor",
        "Health of the CLI, runtime dir, instances and language toolchains (no instance "

@@ -15,6 +15,11 @@ struct OptionSpec {
   std::string summary;
 };
 
+// The tables' options: a switch (with or without an alias) and an option that takes a value.
+OptionSpec switchOption(std::string name, std::string summary);
+OptionSpec switchOption(std::string name, std::string alias, std::string summary);
+OptionSpec valueOption(std::string name, std::string value, std::string summary);
+
 struct VerbSpec {
   std::string name;
   std::string usage;

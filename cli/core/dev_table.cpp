@@ -4,35 +4,34 @@ namespace vorn {
 
 namespace {
 
-OptionSpec val(std::string name, std::string value, std::string summary) {
-  return {std::move(name), std::nullopt, std::move(value), std::move(summary)};
-}
-
 std::vector<DevNounSpec> buildDevNouns() {
   // Options that several verbs share, with one wording.
-  const OptionSpec base = val("--base", "REF", "compare against this revision");
-  const OptionSpec only = val("--only", "NAMES", "only these scenarios (comma-separated)");
-  const OptionSpec out = val("--out", "DIR", "write the report and screenshots here");
-  const OptionSpec outFile = val("--out", "FILE", "write it to FILE");
-  const OptionSpec runs = val("--runs", "N", "repeat N times");
-  const OptionSpec sel = val("--sel", "SELECTOR", "the element at this CSS selector");
-  const OptionSpec text = val("--text", "TEXT", "the element showing this text");
-  const OptionSpec nth = val("--nth", "N", "the N-th match (1-based; default the first)");
-  const OptionSpec limit = val("--limit", "N", "at most N entries");
-  const OptionSpec timeout = val("--timeout", "MS", "give up after MS milliseconds");
+  const OptionSpec base = valueOption("--base", "REF", "compare against this revision");
+  const OptionSpec only = valueOption("--only", "NAMES", "only these scenarios (comma-separated)");
+  const OptionSpec out = valueOption("--out", "DIR", "write the report and screenshots here");
+  const OptionSpec outFile = valueOption("--out", "FILE", "write it to FILE");
+  const OptionSpec runs = valueOption("--runs", "N", "repeat N times");
+  const OptionSpec sel = valueOption("--sel", "SELECTOR", "the element at this CSS selector");
+  const OptionSpec text = valueOption("--text", "TEXT", "the element showing this text");
+  const OptionSpec nth = valueOption("--nth", "N", "the N-th match (1-based; default the first)");
+  const OptionSpec limit = valueOption("--limit", "N", "at most N entries");
+  const OptionSpec timeout = valueOption("--timeout", "MS", "give up after MS milliseconds");
   const OptionSpec mods =
-      val("--mods", "MODS", "modifiers held: cmd, ctrl, alt, shift (comma-separated)");
-  const OptionSpec pos = val("--pos", "X,Y", "the point X,Y in window pixels");
-  const OptionSpec offset = val("--offset", "X,Y", "X,Y from the element's top left corner");
-  const OptionSpec button = val("--button", "BUTTON", "left, right or middle (default left)");
+      valueOption("--mods", "MODS", "modifiers held: cmd, ctrl, alt, shift (comma-separated)");
+  const OptionSpec pos = valueOption("--pos", "X,Y", "the point X,Y in window pixels");
+  const OptionSpec offset =
+      valueOption("--offset", "X,Y", "X,Y from the element's top left corner");
+  const OptionSpec button =
+      valueOption("--button", "BUTTON", "left, right or middle (default left)");
   const OptionSpec edition =
-      val("--edition", "EDITION", "go or markdown (default VORN_EDITION, then go)");
-  const OptionSpec seconds = val("--seconds", "N", "measure for N seconds");
-  const OptionSpec interval = val("--interval", "MS", "between two samples");
+      valueOption("--edition", "EDITION", "go or markdown (default VORN_EDITION, then go)");
+  const OptionSpec seconds = valueOption("--seconds", "N", "measure for N seconds");
+  const OptionSpec interval = valueOption("--interval", "MS", "between two samples");
   const OptionSpec resumeFrom =
-      val("--resume-from", "SCENARIO", "skip the scenarios before this one");
-  const OptionSpec budget = val("--budget", "LIMIT", "exit 1 when the result is above LIMIT");
-  const OptionSpec kind = val("--type", "KIND", "only this kind of measurement or render");
+      valueOption("--resume-from", "SCENARIO", "skip the scenarios before this one");
+  const OptionSpec budget =
+      valueOption("--budget", "LIMIT", "exit 1 when the result is above LIMIT");
+  const OptionSpec kind = valueOption("--type", "KIND", "only this kind of measurement or render");
   const OptionSpec data = {"--data", "-d", "JSON", "the request body"};
 
   return {
@@ -41,9 +40,9 @@ std::vector<DevNounSpec> buildDevNouns() {
        {
            {"run",
             "run the QA scenarios (all, or --only these) against this checkout's dev app",
-            {base, val("--commit", "SHA", "record the run against this commit"), resumeFrom, only,
-             val("--target", "TARGET", "drive this target: app, headless or remote"), out, runs,
-             val("--bead", "ID", "attach the report to this bead")},
+            {base, valueOption("--commit", "SHA", "record the run against this commit"), resumeFrom,
+             only, valueOption("--target", "TARGET", "drive this target: app, headless or remote"),
+             out, runs, valueOption("--bead", "ID", "attach the report to this bead")},
             {}},
            {"parity",
             "run the scenarios in both editions and compare what they show",
@@ -55,10 +54,10 @@ std::vector<DevNounSpec> buildDevNouns() {
             {}},
            {"bisect",
             "find the first commit where a scenario fails",
-            {val("--good", "REV", "a revision where the scenarios pass"),
-             val("--bad", "REV", "a revision where they fail (default HEAD)"),
-             val("--worktree", "DIR", "bisect in this worktree (default: a temporary one)"), only,
-             runs},
+            {valueOption("--good", "REV", "a revision where the scenarios pass"),
+             valueOption("--bad", "REV", "a revision where they fail (default HEAD)"),
+             valueOption("--worktree", "DIR", "bisect in this worktree (default: a temporary one)"),
+             only, runs},
             {}},
        }},
       {"ui",
@@ -67,26 +66,27 @@ std::vector<DevNounSpec> buildDevNouns() {
            {"show", "print the window's UI tree", {sel, limit}, {}},
            {"query",
             "find elements by selector, text or role",
-            {sel, text, val("--role", "ROLE", "elements with this ARIA role"), nth, limit},
+            {sel, text, valueOption("--role", "ROLE", "elements with this ARIA role"), nth, limit},
             {}},
            {"terminal",
             "print the integrated terminal's screen",
-            {val("--id", "ID", "this terminal (default the active one)"),
-             val("--lines", "N", "the last N lines of scrollback")},
+            {valueOption("--id", "ID", "this terminal (default the active one)"),
+             valueOption("--lines", "N", "the last N lines of scrollback")},
             {}},
            {"shot",
             "save a screenshot of the window or of one element",
             {outFile, sel,
-             val("--settle", "MS", "wait MS milliseconds for the UI to settle first")},
+             valueOption("--settle", "MS", "wait MS milliseconds for the UI to settle first")},
             {}},
            {"eval", "evaluate a script in the window and print its result", {timeout}, {}},
            {"resize",
             "resize the window",
-            {val("--to", "WxH", "the new size, for example 1280x800")},
+            {valueOption("--to", "WxH", "the new size, for example 1280x800")},
             {}},
            {"wait",
             "wait until an element shows or the UI is idle",
-            {sel, text, timeout, val("--idle", "MS", "until nothing changed for MS milliseconds")},
+            {sel, text, timeout,
+             valueOption("--idle", "MS", "until nothing changed for MS milliseconds")},
             {}},
        }},
       {"input",
@@ -104,12 +104,12 @@ std::vector<DevNounSpec> buildDevNouns() {
             {}},
            {"scroll",
             "scroll an element or the window",
-            {sel, val("--by", "PX", "by PX pixels (negative: up)"),
-             val("--to", "WHERE", "to top, bottom or a pixel offset")},
+            {sel, valueOption("--by", "PX", "by PX pixels (negative: up)"),
+             valueOption("--to", "WHERE", "to top, bottom or a pixel offset")},
             {}},
            {"drag",
             "drag from an element or point to another point",
-            {sel, pos, offset, val("--to", "X,Y", "drop at X,Y in window pixels"), button},
+            {sel, pos, offset, valueOption("--to", "X,Y", "drop at X,Y in window pixels"), button},
             {}},
        }},
       {"app",
@@ -117,8 +117,8 @@ std::vector<DevNounSpec> buildDevNouns() {
        {
            {"start",
             "build if needed and start the dev app (recorded in .cache/vorn/dev-app.json)",
-            {edition, val("--open", "DIR", "open this folder"),
-             val("--idle", "MS", "return once the window was idle for MS milliseconds")},
+            {edition, valueOption("--open", "DIR", "open this folder"),
+             valueOption("--idle", "MS", "return once the window was idle for MS milliseconds")},
             {}},
            {"stop", "stop the dev app started from this checkout", {}, {}},
        }},
@@ -127,7 +127,7 @@ std::vector<DevNounSpec> buildDevNouns() {
        {
            {"run",
             "run a command while holding the lock",
-            {val("--timeout", "S", "give up after waiting S seconds")},
+            {valueOption("--timeout", "S", "give up after waiting S seconds")},
             {}},
            {"status", "who holds the lock, and since when", {}, {}},
        }},
@@ -142,15 +142,16 @@ std::vector<DevNounSpec> buildDevNouns() {
             {}},
            {"renders",
             "count UI renders while something happens",
-            {seconds, kind, val("--watch", "COMPONENT", "count the renders of this component")},
+            {seconds, kind,
+             valueOption("--watch", "COMPONENT", "count the renders of this component")},
             {}},
            {"latency",
             "time keystroke-to-paint latency",
-            {val("--key", "KEY", "the key to press"),
-             val("--then", "KEY", "a second key pressed after it"),
-             val("--open", "FILE", "open this file first"),
-             val("--click", "SELECTOR", "click this element first"),
-             val("--settle", "MS", "wait MS milliseconds before each press"), runs, budget},
+            {valueOption("--key", "KEY", "the key to press"),
+             valueOption("--then", "KEY", "a second key pressed after it"),
+             valueOption("--open", "FILE", "open this file first"),
+             valueOption("--click", "SELECTOR", "click this element first"),
+             valueOption("--settle", "MS", "wait MS milliseconds before each press"), runs, budget},
             {}},
            {"commits",
             "compare a measurement across recent commits",
@@ -158,7 +159,8 @@ std::vector<DevNounSpec> buildDevNouns() {
             {}},
            {"remote",
             "time requests through a remote session",
-            {val("--rtt", "MS", "add MS milliseconds of simulated round-trip time"), runs, seconds},
+            {valueOption("--rtt", "MS", "add MS milliseconds of simulated round-trip time"), runs,
+             seconds},
             {}},
        }},
       {"profile",
@@ -170,7 +172,7 @@ std::vector<DevNounSpec> buildDevNouns() {
             {"cpu", "heap", "allocs", "goroutine", "block", "mutex"}},
            {"sample",
             "sample the UI process's stacks",
-            {seconds, interval, val("--at", "MARK", "start at this trace mark"), outFile},
+            {seconds, interval, valueOption("--at", "MARK", "start at this trace mark"), outFile},
             {}},
        }},
       {"log",
@@ -178,9 +180,9 @@ std::vector<DevNounSpec> buildDevNouns() {
        {
            {"show",
             "print the log of one process (default the app)",
-            {val("--search", "TEXT", "only lines containing TEXT"),
-             val("-n", "N", "the last N lines"),
-             val("--grep", "REGEX", "only lines matching REGEX")},
+            {valueOption("--search", "TEXT", "only lines containing TEXT"),
+             valueOption("-n", "N", "the last N lines"),
+             valueOption("--grep", "REGEX", "only lines matching REGEX")},
             {"app", "host", "gopls"}},
        }},
       {"process",
@@ -188,7 +190,7 @@ std::vector<DevNounSpec> buildDevNouns() {
        {
            {"list",
             "list the dev app's processes with their roles",
-            {val("--role", "ROLE", "only processes of this role")},
+            {valueOption("--role", "ROLE", "only processes of this role")},
             {}},
        }},
       {"rpc",

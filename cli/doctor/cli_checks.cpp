@@ -12,8 +12,6 @@ namespace vorn {
 
 namespace {
 
-constexpr const char* dash = " \u2014 ";
-
 bool isExecutableFile(const std::string& path) {
   return Paths::isRegularFile(path) && ::access(path.c_str(), X_OK) == 0;
 }
@@ -25,7 +23,7 @@ DoctorCheck repoCheck(const Context& ctx, const std::optional<std::string>& root
     return {"cli.repo", "fail", "VORN_REPO_ROOT=" + *named + " is not a Vorn checkout"};
   }
   return {"cli.repo", "ok",
-          std::string("no checkout") + dash +
+          std::string("no checkout") + detailDash +
               "product verbs only (vorn dev needs one: run from it or set VORN_REPO_ROOT)"};
 }
 
@@ -36,7 +34,7 @@ DoctorCheck bunCheck(const std::optional<std::string>& bun,
     std::string native = Paths::join({*root, NativeBuild::executable});
     if (!isExecutableFile(native)) {
       return {"cli.bun", "warn",
-              "bun is not on PATH and there is no native CLI build at " + native + dash +
+              "bun is not on PATH and there is no native CLI build at " + native + detailDash +
                   "the vorn shim needs one (" + std::string(NativeBuild::buildCommand) + ")"};
     }
   }
@@ -78,10 +76,10 @@ DoctorCheck Doctor::shimCheck(const ShellCommand& shell,
     case ShimFile::State::absent:
       if (brew) {
         return {"cli.shim", "ok",
-                path + " not installed" + dash + "Homebrew links vorn at " + brew->link};
+                path + " not installed" + detailDash + "Homebrew links vorn at " + brew->link};
       }
       return {"cli.shim", "ok",
-              path + " not installed" + dash +
+              path + " not installed" + detailDash +
                   "Omnibar \"Install 'vorn' in PATH\" or vorn shell-command install"};
     case ShimFile::State::unreadable:
       return warn(file.error);
@@ -95,26 +93,31 @@ DoctorCheck Doctor::shimCheck(const ShellCommand& shell,
   if (!fallback.empty()) {
     struct stat st;
     if (::stat(fallback.c_str(), &st) != 0) {
-      return warn(path + " falls back to " + fallback + ", which is gone" + dash + "reinstall");
+      return warn(path + " falls back to " + fallback + ", which is gone" + detailDash +
+                  "reinstall");
     }
     if (!Paths::isRegularFile(Paths::join({fallback, Paths::checkoutScriptEntry}))) {
-      return warn(path + " falls back to " + fallback + ", which has no CLI" + dash + "reinstall");
+      return warn(path + " falls back to " + fallback + ", which has no CLI" + detailDash +
+                  "reinstall");
     }
   }
   if (file.text.find(shimCheckoutSearch) == std::string::npos) {
-    return warn(path + " predates $PWD checkout detection" + dash +
+    return warn(path + " predates $PWD checkout detection" + detailDash +
                 "reinstall (vorn shell-command install)");
   }
   if (!isExecutableFile(path)) {
-    return warn(path + " is not executable" + dash + "reinstall (vorn shell-command install)");
+    return warn(path + " is not executable" + detailDash +
+                "reinstall (vorn shell-command install)");
   }
   std::optional<std::string> found = which("vorn");
-  if (!found) return warn(path + " is not on PATH" + dash + "add " + shell.binDir + " to PATH");
+  if (!found)
+    return warn(path + " is not on PATH" + detailDash + "add " + shell.binDir + " to PATH");
   if (Paths::real(*found) != Paths::real(path)) {
     return warn("vorn on PATH resolves to " + *found + ", shadowing " + path);
   }
   if (brew) {
-    return warn(path + " shadows Homebrew's " + brew->link + dash + "vorn shell-command uninstall");
+    return warn(path + " shadows Homebrew's " + brew->link + detailDash +
+                "vorn shell-command uninstall");
   }
   std::string last = fallback;
   if (last.empty()) last = shimValue(file.text, "APP").value_or("");

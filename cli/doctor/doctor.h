@@ -28,6 +28,8 @@ struct DoctorCheck {
 
 // The doctor-packs script's output is a few rows; more than this is not read.
 inline constexpr size_t packOutputLimit = 1 << 20;
+// Between what a row found and the way forward it names.
+inline constexpr const char* detailDash = " \u2014 ";
 
 struct Doctor {
   Context& ctx;

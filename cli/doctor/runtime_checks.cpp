@@ -19,8 +19,6 @@ namespace vorn {
 
 namespace {
 
-constexpr const char* dash = " \u2014 ";
-
 std::string octalMode(mode_t mode) {
   char text[8];
   std::snprintf(text, sizeof text, "%o", static_cast<unsigned>(mode & 0777));
@@ -53,7 +51,7 @@ DoctorCheck Doctor::runtimeDirCheck() const {
   if (::lstat(examined.c_str(), &st) != 0) {
     if (errno == ENOENT || errno == ENOTDIR) {
       return {"runtime.dir", "ok",
-              root + " not created yet" + dash + "no instance has run (" + source + ")"};
+              root + " not created yet" + detailDash + "no instance has run (" + source + ")"};
     }
     return {"runtime.dir", "fail", root + " cannot be examined: " + ::strerror(errno)};
   }
@@ -89,8 +87,9 @@ std::vector<DoctorCheck> Doctor::scanChecks(const Scan& scan) {
     rows.push_back({"runtime.pruned", "ok", "removed dead-pid dir " + entry.dir});
   }
   for (const StaleEntry& entry : scan.stale) {
-    rows.push_back({"runtime.stale", "warn",
-                    entry.dir + " (" + entry.reason + ")" + dash + "run vorn instance prune"});
+    rows.push_back(
+        {"runtime.stale", "warn",
+         entry.dir + " (" + entry.reason + ")" + detailDash + "run vorn instance prune"});
   }
   if (scan.live.empty()) {
     rows.push_back({"instances", "ok", "none running (vorn workspace open <dir> launches one)"});

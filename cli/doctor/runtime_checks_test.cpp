@@ -14,7 +14,7 @@ namespace {
 
 using testing::TempDir;
 
-constexpr const char* dash = " \u2014 ";
+constexpr const char* separator = " \u2014 ";
 
 struct RuntimeDirTest : ::testing::Test {
   TempDir tmp;
@@ -33,7 +33,7 @@ struct RuntimeDirTest : ::testing::Test {
 
 TEST_F(RuntimeDirTest, MissingIsFine) {
   EXPECT_EQ(check(), (DoctorCheck{"runtime.dir", "ok",
-                                  root + " not created yet" + dash +
+                                  root + " not created yet" + separator +
                                       "no instance has run ($XDG_RUNTIME_DIR)"}));
 }
 
@@ -56,7 +56,7 @@ TEST_F(RuntimeDirTest, AnEmptyXdgCountsAsTmpdir) {
   // The root is then the relative "vorn": looked for in the current directory.
   io.ctx.env["XDG_RUNTIME_DIR"] = "";
   EXPECT_EQ(check(), (DoctorCheck{"runtime.dir", "ok",
-                                  std::string("vorn not created yet") + dash +
+                                  std::string("vorn not created yet") + separator +
                                       "no instance has run (tmpdir)"}));
   tmp.dir("vorn");
   ASSERT_EQ(::chmod((tmp / "vorn").c_str(), 0700), 0);
@@ -149,9 +149,9 @@ TEST(ScanChecks, PrunedStaleThenTheSummary) {
             (std::vector<DoctorCheck>{
                 {"runtime.pruned", "ok", "removed dead-pid dir /r/vorn/12"},
                 {"runtime.stale", "warn",
-                 std::string("/r/vorn/7 (no-sock)") + dash + "run vorn instance prune"},
+                 std::string("/r/vorn/7 (no-sock)") + separator + "run vorn instance prune"},
                 {"runtime.stale", "warn",
-                 std::string("/r/vorn/9 (unreachable)") + dash + "run vorn instance prune"},
+                 std::string("/r/vorn/9 (unreachable)") + separator + "run vorn instance prune"},
                 {"instances", "ok", "2 live: a1, b2"},
             }));
   EXPECT_EQ(Doctor::scanChecks(Scan{}),

@@ -318,11 +318,11 @@ TEST_F(FanoutTest, PostEachNoTargetsPrintsAnEmptyList) {
 TEST_F(FanoutTest, PostEachManySlowTargetsOverlap) {
   // Each reply waits until all targets have been asked: a sequential loop would never finish
   // (the replies would time out and fail).
-  const int n = 6;
+  constexpr int n = 6;
   auto waiting = std::make_shared<std::atomic<int>>(0);
   std::vector<InstanceInfo> targets;
   for (int i = 0; i < n; ++i) {
-    targets.push_back(add("i" + std::to_string(i), i + 1, [waiting, n](const SeenRequest&) {
+    targets.push_back(add("i" + std::to_string(i), i + 1, [waiting](const SeenRequest&) {
       ++*waiting;
       auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
       while (waiting->load() < n && std::chrono::steady_clock::now() < deadline) {

@@ -150,7 +150,7 @@ TEST(JSONReformat, AgreesAtTheNestingLimit) {
   expectSame(std::string(100000, '['));
 }
 
-std::string readFile(const std::filesystem::path& p) {
+std::string readWholeFile(const std::filesystem::path& p) {
   std::ifstream f(p, std::ios::binary);
   std::stringstream ss;
   ss << f.rdbuf();
@@ -162,7 +162,7 @@ TEST(JSONReformat, AgreesOnTheWholeCorpus) {
   size_t files = 0;
   for (const char* sub : {"test_parsing", "test_transform"}) {
     for (const auto& entry : std::filesystem::directory_iterator(dir / sub)) {
-      expectSame(readFile(entry.path()));
+      expectSame(readWholeFile(entry.path()));
       ++files;
     }
   }

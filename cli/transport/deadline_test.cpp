@@ -186,12 +186,12 @@ struct TimeoutTest : ::testing::Test {
   ~TimeoutTest() override { Transport::setTimeout(std::nullopt); }
 };
 
-const std::string okReply = "HTTP/1.1 200 OK\r\nContent-Length: 11\r\n\r\n{\"ok\":true}";
+const std::string okResponse = "HTTP/1.1 200 OK\r\nContent-Length: 11\r\n\r\n{\"ok\":true}";
 
 // The OK reply in two pieces, each sent after its pause.
 std::vector<SlowServer::Piece> inHalves(int firstMs, int secondMs) {
-  size_t half = okReply.size() / 2;
-  return {{firstMs, okReply.substr(0, half)}, {secondMs, okReply.substr(half)}};
+  size_t half = okResponse.size() / 2;
+  return {{firstMs, okResponse.substr(0, half)}, {secondMs, okResponse.substr(half)}};
 }
 
 void expectTheOkReply(const std::string& sock) {
@@ -219,7 +219,7 @@ TEST_F(TimeoutTest, AnInstanceThatAnswersHalf) {
 TEST_F(TimeoutTest, TheLimitCoversTheWholeExchangeNotEachRead) {
   // Every byte comes well within the limit, the whole reply does not.
   std::vector<SlowServer::Piece> drip;
-  for (char c : okReply)
+  for (char c : okResponse)
     drip.push_back({40, std::string(1, c)});
   SlowServer server;
   server.serve(true, drip, true);
@@ -345,7 +345,7 @@ TEST_F(TimeoutTest, WithoutALimitAFullListenQueueIsWaitedOut) {
     int fd = ::accept(queue.listener.fd, nullptr, nullptr);
     char buf[4096];
     (void)::recv(fd, buf, sizeof buf, 0);
-    (void)::send(fd, okReply.data(), okReply.size(), MSG_NOSIGNAL);
+    (void)::send(fd, okResponse.data(), okResponse.size(), MSG_NOSIGNAL);
     ::close(fd);
   });
   Reply reply = Transport::request(queue.listener.path, "GET", "/health");

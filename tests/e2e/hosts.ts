@@ -150,7 +150,7 @@ export function envWithoutProbe(record: ProbeRecord): Record<string, string> {
 
 /** Checks that SIGPIPE was back at its default when the program started (where that shows). */
 export function expectDefaultSigpipe(record: ProbeRecord): void {
-  expect(record.sigpipe).toBe(process.platform === "linux" ? "default" : "unknown");
+  expect(record.sigpipe).toBe("default");
 }
 
 /** True while a process with that pid runs (an exited child that nobody reaped counts as gone). */
@@ -159,6 +159,11 @@ export function running(pid: number): boolean {
     process.kill(pid, 0);
   } catch {
     return false;
+  }
+  if (process.platform !== "linux") {
+    // No /proc: ps shows the state, Z for a zombie.
+    const ps = Bun.spawnSync(["ps", "-o", "stat=", "-p", String(pid)]);
+    return !ps.stdout.toString().trim().startsWith("Z");
   }
   try {
     const stat = fs.readFileSync(`/proc/${pid}/stat`, "utf8");
@@ -170,10 +175,17 @@ export function running(pid: number): boolean {
 
 /**
  * Every process whose command line mentions `text` (a sandbox path), this test run's own
- * processes aside. Linux only: elsewhere nothing is found.
+ * processes aside: from /proc on Linux, from ps elsewhere.
  */
 export function processesMentioning(text: string): number[] {
-  if (process.platform !== "linux") return [];
+  if (process.platform !== "linux") {
+    const ps = Bun.spawnSync(["ps", "-axo", "pid=,command="]).stdout.toString();
+    return ps
+      .split("\n")
+      .map((line) => line.trim().match(/^(\d+) (.*)$/))
+      .filter((m): m is RegExpMatchArray => !!m && m[2].includes(text) && Number(m[1]) !== process.pid && running(Number(m[1])))
+      .map((m) => Number(m[1]));
+  }
   const found: number[] = [];
   for (const name of fs.readdirSync("/proc")) {
     if (!/^\d+$/.test(name) || Number(name) === process.pid) continue;

@@ -3,9 +3,9 @@
 # then becomes the real program when asked to.
 #
 #   VORN_PROBE_OUT=DIR    record into DIR/<pid>/: argv ($0 first), env (NAME=VALUE), both
-#                         NUL-separated; cwd; sigpipe ("default", "ignored", or "unknown" where
-#                         /proc is missing); and on Linux fds (`ls -l` of /proc/<pid>/fd) and stat
-#                         (/proc/<pid>/stat)
+#                         NUL-separated; cwd; sigpipe ("default" or "ignored", from /proc or,
+#                         where there is none, ps); and on Linux fds (`ls -l` of
+#                         /proc/<pid>/fd) and stat (/proc/<pid>/stat)
 #   VORN_PROBE_THEN=PROG  afterwards run PROG with the same arguments, in this same process
 #   VORN_PROBE_EXIT=N     otherwise exit with N (default 0)
 set -u
@@ -23,14 +23,21 @@ else
 fi
 pwd -P >"$out.tmp/cwd"
 
-sigpipe=unknown
+# The mask of ignored signals, in hex: from /proc on Linux, from ps where there is no /proc.
+mask=
 if [ -r "/proc/$$/status" ]; then
-  mask=0
   while read -r key value; do
     [ "$key" = "SigIgn:" ] && mask=$value
   done <"/proc/$$/status"
-  # SIGPIPE is signal 13: bit 12 of the mask.
+else
+  mask=$(ps -o sigignore= -p $$ 2>/dev/null | tr -d ' ')
+fi
+sigpipe=unknown
+# SIGPIPE is signal 13: bit 12 of the mask.
+if [ -n "$mask" ]; then
   if [ $((0x$mask & 0x1000)) -ne 0 ]; then sigpipe=ignored; else sigpipe=default; fi
+fi
+if [ -r "/proc/$$/status" ]; then
   # Listed by a child shell that redirects its own output: this shell's table stays as it was.
   /bin/sh -c 'ls -l "/proc/$1/fd" >"$2"' sh "$$" "$out.tmp/fds"
   cat "/proc/$$/stat" >"$out.tmp/stat"

@@ -6,6 +6,7 @@
 // bash and zsh answer FILES when nothing is offered and the shell falls back to its own file
 // completion (the script registers with that default); fish lists the files itself.
 
+import fs from "node:fs";
 import path from "node:path";
 import { vornBin, type Sandbox } from "./harness";
 import { onPath } from "./support";
@@ -66,6 +67,12 @@ export function bashWords(line: string): string[] {
 
 const BASH_DRIVER = path.join(import.meta.dir, "shells", "complete.bash");
 
+/** bash-completion's loader: Debian's, or Homebrew's on Apple silicon or Intel Macs. */
+const BASH_COMPLETION_LOADER =
+  ["/usr/share", "/opt/homebrew/share", "/usr/local/share"]
+    .map((share) => path.join(share, "bash-completion", "bash_completion"))
+    .find((file) => fs.existsSync(file)) ?? "/usr/share/bash-completion/bash_completion";
+
 const ZSH_DRIVER = path.join(import.meta.dir, "shells", "complete.zsh");
 
 function parse(shell: Shell, run: ShellRun): { specs: string[]; words: string[][] } {
@@ -97,7 +104,7 @@ export async function completion(sb: Sandbox, shell: Shell, line: string, opts: 
     });
   const mode = prefix ? "installed" : (source as string);
   if (shell === "bash") {
-    const out = await run(["bash", "--norc", "--noprofile", BASH_DRIVER, line, ...bashWords(line)], { SOURCE: mode });
+    const out = await run(["bash", "--norc", "--noprofile", BASH_DRIVER, line, ...bashWords(line)], { SOURCE: mode, BASH_COMPLETION_LOADER });
     const { specs, words } = parse(shell, out);
     const fallback = words[0].length === 0 && specs[0]?.includes(" -o default ");
     return { words: fallback ? [FILES] : words[0].sort(), registration: specs[0], stderr: out.stderr };

@@ -1,4 +1,5 @@
-# bash complete.bash LINE WORD...   (SOURCE=printed|installed)
+# bash complete.bash LINE WORD...   (SOURCE=printed|installed; BASH_COMPLETION_LOADER: the path
+# of bash-completion's bash_completion script)
 # Loads the completion, finds the function registered for vorn, calls it as bash's completion
 # does (COMP_WORDS, COMP_CWORD, COMP_LINE, COMP_POINT, and the three arguments) and prints
 # the registration and COMPREPLY. A function that returns other than 0 fails the run (exit 4).
@@ -7,7 +8,7 @@ case $SOURCE in
   printed) eval "$("$VORN_UNDER_TEST" shell-command completion bash)" ;;
   installed)
     # bash-completion's on-demand loader, as bash calls it for a command it has no completion for.
-    . /usr/share/bash-completion/bash_completion
+    . "$BASH_COMPLETION_LOADER"
     loader=$(complete -p -D); loader=${loader##*-F }; loader=${loader%% *}
     "$loader" vorn "" ""
     ;;
