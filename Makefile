@@ -6,7 +6,7 @@ CMAKE_FLAGS ?=
 JOBS    ?= $(shell nproc 2>/dev/null || sysctl -n hw.ncpu 2>/dev/null || echo 2)
 SYSTEM  := $(shell uname)
 
-.PHONY: all deps configure build dev test unit e2e demo bench bench-cli bench-build fuzz fuzz-build fuzz-targets fuzz-test fuzz-short install uninstall clean format libcxx-test macos-check toolchain
+.PHONY: all deps configure build dev test unit e2e demo bench bench-cli bench-build fuzz fuzz-build fuzz-targets fuzz-test fuzz-short install uninstall clean format libcxx-test macos-check toolchain dist dist-check
 
 all: build
 
@@ -33,7 +33,7 @@ dev:
 test: deps configure tests/node_modules/.installed
 	cmake --build $(BUILD) -j $(JOBS)
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
-	$(MAKE) --no-print-directory libcxx-test macos-check fuzz-short
+	$(MAKE) --no-print-directory libcxx-test macos-check dist-check fuzz-short
 
 # The program and every test again, built with clang and LLVM's libc++ (the C++ library of
 # macOS), GoogleTest rebuilt for it: the unit tests and the end-to-end suite run against that
@@ -128,6 +128,24 @@ fuzz-short:
 fuzz: fuzz-build
 	@for t in $(FUZZ_TARGETS); do FUZZ_SECONDS=$(FUZZ_SECONDS) FUZZ_RUNS=$(FUZZ_RUNS) scripts/fuzz.sh $(FUZZ_BUILD) $$t || exit 1; done
 
+# What ships, in dist/: a universal macOS binary and static Linux ones (x86_64, aarch64), each
+# in a tarball laid out like make install, and SHA256SUMS. Built with Zig from toolchain/; the
+# same commit gives byte-identical archives. dist-check checks them (make test runs it).
+DIST ?= dist
+
+dist: deps
+	@$(MAKE) --no-print-directory toolchain configure
+	cmake --build $(BUILD) --target vorn_generated -j $(JOBS)
+	JOBS=$(JOBS) scripts/dist.sh $(BUILD) $(DIST)
+
+dist-check: tests/node_modules/.installed
+ifeq ($(SYSTEM),Darwin)
+	@echo "dist-check: skipped: the release is built and checked on Linux"
+else
+	@$(MAKE) --no-print-directory dist
+	JOBS=$(JOBS) scripts/dist-check.sh $(BUILD) $(DIST)
+endif
+
 # The binary, the completion scripts and the manual page, by the build's install rules (the
 # same as cmake --install); DESTDIR is honoured. The list of what went where is kept in
 # $(BUILD)/install_manifest.txt, and make uninstall (with the same DESTDIR) removes exactly that.
@@ -141,4 +159,5 @@ format:
 	clang-format -i $$(git ls-files 'cli/*.cpp' 'cli/*.h' 'bench/*.cpp')
 
 clean:
-	rm -rf $(BUILD) $(BUILD)-bench $(FUZZ_BUILD) $(LIBCXX_BUILD) $(BUILD)-macos-aarch64 $(BUILD)-macos-x86_64
+	rm -rf $(BUILD) $(BUILD)-bench $(FUZZ_BUILD) $(LIBCXX_BUILD) $(BUILD)-macos-aarch64 $(BUILD)-macos-x86_64 \
+	  $(BUILD)-linux-x86_64 $(BUILD)-linux-aarch64 $(DIST)

@@ -46,8 +46,11 @@ if(CMAKE_SYSTEM_NAME STREQUAL "Darwin")
   # call that Apple's toolchain refuses below the minimum macOS fails here too.
   set(VORN_ZIG_CXX_FLAGS "-include ${CMAKE_CURRENT_LIST_DIR}/zig/apple-availability.h")
 endif()
+# The checkout's own path stays out of the binaries (in __FILE__), so a commit builds the same
+# bytes wherever it is checked out.
 set(CMAKE_C_FLAGS_INIT "-target ${VORN_ZIG_FULL_TARGET}")
-set(CMAKE_CXX_FLAGS_INIT "-target ${VORN_ZIG_FULL_TARGET} ${VORN_ZIG_CXX_FLAGS}")
+set(CMAKE_CXX_FLAGS_INIT
+  "-target ${VORN_ZIG_FULL_TARGET} ${VORN_ZIG_CXX_FLAGS} -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=")
 
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)

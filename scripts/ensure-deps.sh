@@ -55,6 +55,10 @@ if ! echo '#include <vector>' | clang++ -stdlib=libc++ -x c++ -fsyntax-only - >/
 fi
 # The macOS cross build is checked with LLVM's Mach-O tools.
 compgen -G "/usr/lib/llvm-*/bin/llvm-otool" >/dev/null || missing+=(llvm)
+# The release check: the static aarch64 binary runs under QEMU's user-mode emulation, and file
+# tells a static binary.
+need qemu-aarch64-static qemu-user-static
+need file file
 
 if [ ${#missing[@]} -gt 0 ]; then
   if ! command -v apt-get >/dev/null 2>&1; then
