@@ -71,7 +71,10 @@ std::vector<DoctorCheck> Doctor::run() const {
   for (DoctorCheck& row : scanChecks(scan))
     checks.push_back(std::move(row));
   for (const InstanceInfo& instance : scan.live)
+  {
+    Waiting waiting(ctx.status, answerWait(waitingForAnswer(instance)));
     checks.push_back(instanceCheck(instance));
+  }
   for (DoctorCheck& row : cliChecks())
     checks.push_back(std::move(row));
   for (DoctorCheck& row : packChecks())
