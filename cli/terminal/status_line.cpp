@@ -144,7 +144,7 @@ void StatusLine::draw(const Active& active) {
   auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(
       std::chrono::steady_clock::now() - active.since);
   std::string text = "\r";
-  text += StatusText::fitted(StatusText::line(active.wait, elapsed), width_());
+  text += StatusText::line(active.wait, elapsed, width_());
   text += "\033[K";
   sink_(2, text);
   shown_ = true;

@@ -19,6 +19,46 @@ bool isContinuation(unsigned char byte) {
   return (byte & 0xC0) == 0x80;
 }
 
+size_t charCount(std::string_view text) {
+  size_t count = 0;
+  for (char c : text)
+    count += isContinuation(static_cast<unsigned char>(c)) ? 0 : 1;
+  return count;
+}
+
+// The first `count` characters of the text.
+std::string_view head(std::string_view text, size_t count) {
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (isContinuation(static_cast<unsigned char>(text[i]))) continue;
+    if (count-- == 0) return text.substr(0, i);
+  }
+  return text;
+}
+
+// The last `count` characters of the text.
+std::string_view tail(std::string_view text, size_t count) {
+  size_t total = charCount(text);
+  if (count >= total) return text;
+  size_t skip = total - count;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (isContinuation(static_cast<unsigned char>(text[i]))) continue;
+    if (skip-- == 0) return text.substr(i);
+  }
+  return {};
+}
+
+// Below this many characters for what is waited for, the VORN_TIMEOUT advice makes room.
+constexpr size_t minimumWhat = 30;
+
+// The text cut to `room` characters by taking out its middle ("pid 42 (/tmp/.../fs.sock)").
+std::string elided(const std::string& text, size_t room) {
+  if (charCount(text) <= room) return text;
+  if (room <= 3) return std::string(head(text, room));
+  size_t keep = room - 3;
+  size_t front = (keep + 1) / 2;
+  return std::string(head(text, front)) + "..." + std::string(tail(text, keep - front));
+}
+
 }  // namespace
 
 std::string seconds(std::chrono::milliseconds duration) {
@@ -39,12 +79,28 @@ std::string tenths(std::chrono::milliseconds duration) {
   return std::to_string(ms / 1000) + "." + std::to_string(ms / 100 % 10) + "s";
 }
 
-std::string line(const WaitSpec& wait, std::chrono::milliseconds elapsed) {
-  std::string text = "vorn: " + printable(wait.what) + " (" + tenths(elapsed);
-  if (wait.limit) text += " of " + seconds(*wait.limit);
-  text += ") - Ctrl-C to stop";
-  if (wait.timeoutHint && !wait.limit) text += ", VORN_TIMEOUT=<seconds> to bound waits";
-  return text;
+std::string line(const WaitSpec& wait, std::chrono::milliseconds elapsed, size_t columns) {
+  std::string what = printable(wait.what);
+  std::string time = " (" + tenths(elapsed);
+  if (wait.limit) time += " of " + seconds(*wait.limit);
+  time += ") - Ctrl-C to stop";
+  std::string advice =
+      wait.timeoutHint && !wait.limit ? ", VORN_TIMEOUT=<seconds> to bound waits" : "";
+
+  // What is waited for gives way first (its middle, where a long socket path is), then the
+  // advice; the time and Ctrl-C stay as long as the terminal has room for them.
+  const size_t room = columns > 1 ? columns - 1 : 0;
+  const size_t fixed = charCount("vorn: ") + charCount(time);
+  auto fits = [&](const std::string& middle, const std::string& extra) {
+    return fixed + charCount(middle) + charCount(extra) <= room;
+  };
+  if (!fits(what, advice)) {
+    size_t roomForWhat = room > fixed + charCount(advice) ? room - fixed - charCount(advice) : 0;
+    if (roomForWhat < minimumWhat) advice.clear();
+    roomForWhat = room > fixed + charCount(advice) ? room - fixed - charCount(advice) : 0;
+    what = elided(what, roomForWhat);
+  }
+  return fitted("vorn: " + what + time + advice, columns);
 }
 
 std::string printable(std::string_view text) {

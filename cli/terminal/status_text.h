@@ -19,8 +19,10 @@ struct WaitSpec {
 namespace StatusText {
 
 // "vorn: <what> (3.2s) - Ctrl-C to stop, VORN_TIMEOUT=<seconds> to bound waits";
-// with a limit the time reads "(3.2s of 10s)" and the VORN_TIMEOUT advice is left out.
-std::string line(const WaitSpec& wait, std::chrono::milliseconds elapsed);
+// with a limit the time reads "(3.2s of 10s)" and the VORN_TIMEOUT advice is left out. Fitted
+// to a terminal of `columns` columns: a long <what> loses its middle ("..."), then the advice
+// goes, and the line never takes the last column (so it never wraps).
+std::string line(const WaitSpec& wait, std::chrono::milliseconds elapsed, size_t columns);
 // A duration in seconds as few digits show it: 10000 ms "10s", 250 ms "0.25s".
 std::string seconds(std::chrono::milliseconds duration);
 // Elapsed time in tenths of a second: 3249 ms "3.2s".
