@@ -74,7 +74,8 @@ size_t allowedEdits(size_t length) {
   return std::max<size_t>(1, length / 3);
 }
 
-std::vector<std::string> closest(std::string_view word, const std::vector<std::string>& candidates) {
+std::vector<std::string> closest(std::string_view word,
+                                 const std::vector<std::string>& candidates) {
   std::vector<std::string> best;
   if (word.size() < 2) return best;
   const size_t allowed = allowedEdits(word.size());

@@ -195,9 +195,9 @@ bool Instances::waitForExit(const InstanceInfo& instance, double timeoutSeconds)
   double seconds = timeoutSeconds > 0 ? std::min(timeoutSeconds, maxWaitSeconds) : 0;
   Clock::time_point deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                                   std::chrono::duration<double>(seconds));
-  WaitSpec words{"waiting for instance " + instance.id + " (pid " + std::to_string(instance.pid) +
-                     ") to exit",
-                 std::chrono::milliseconds(static_cast<long long>(seconds * 1000)), false};
+  WaitSpec words{
+      "waiting for instance " + instance.id + " (pid " + std::to_string(instance.pid) + ") to exit",
+      std::chrono::milliseconds(static_cast<long long>(seconds * 1000)), false};
   Waiting waiting(ctx.status, std::move(words));
   while (Clock::now() < deadline) {
     bool gone = !instance.foreign && !pidAlive(instance.pid);

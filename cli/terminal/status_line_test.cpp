@@ -79,7 +79,8 @@ TEST(StatusLine, AShortWaitShowsNothingAndWritesPassStraightThrough) {
 
 TEST(StatusLine, ALongWaitShowsTheLineAndErasesItWhenItEnds) {
   Screen screen;
-  StatusLine line(screen.sink(), [] { return size_t{200}; }, true, fast);
+  StatusLine line(
+      screen.sink(), [] { return size_t{200}; }, true, fast);
   {
     Waiting waiting(&line, {"waiting for instance a1 to answer", std::nullopt, true});
     ASSERT_TRUE(screen.waitForDraws(2));
@@ -101,7 +102,8 @@ TEST(StatusLine, ALongWaitShowsTheLineAndErasesItWhenItEnds) {
 
 TEST(StatusLine, OutputErasesTheLineFirstAndTheLineComesBack) {
   Screen screen;
-  StatusLine line(screen.sink(), [] { return size_t{200}; }, true, fast);
+  StatusLine line(
+      screen.sink(), [] { return size_t{200}; }, true, fast);
   Waiting waiting(&line, {"waiting for instance a1 to answer", std::nullopt, false});
   ASSERT_TRUE(screen.waitForDraws(1));
   line.write(1, "row 1\n");
@@ -113,7 +115,8 @@ TEST(StatusLine, OutputErasesTheLineFirstAndTheLineComesBack) {
 
 TEST(StatusLine, ALineLeftOpenIsNotWrittenOver) {
   Screen screen;
-  StatusLine line(screen.sink(), [] { return size_t{200}; }, true, fast);
+  StatusLine line(
+      screen.sink(), [] { return size_t{200}; }, true, fast);
   line.write(1, "partial");
   {
     Waiting waiting(&line, {"waiting for instance a1 to answer", std::nullopt, false});
@@ -127,7 +130,8 @@ TEST(StatusLine, ALineLeftOpenIsNotWrittenOver) {
 
 TEST(StatusLine, StandardOutputElsewhereDoesNotHoldTheLineBack) {
   Screen screen;
-  StatusLine line(screen.sink(), [] { return size_t{200}; }, false, fast);
+  StatusLine line(
+      screen.sink(), [] { return size_t{200}; }, false, fast);
   line.write(1, "partial");
   Waiting waiting(&line, {"waiting for instance a1 to answer", std::nullopt, false});
   EXPECT_TRUE(screen.waitForDraws(1));
@@ -136,7 +140,8 @@ TEST(StatusLine, StandardOutputElsewhereDoesNotHoldTheLineBack) {
 
 TEST(StatusLine, TheOldestWaitIsShownAndItsWordsFollowDescribe) {
   Screen screen;
-  StatusLine line(screen.sink(), [] { return size_t{200}; }, true, fast);
+  StatusLine line(
+      screen.sink(), [] { return size_t{200}; }, true, fast);
   Waiting outer(&line, {"0 of 2 answered; waiting for a1, b2", std::nullopt, false});
   {
     Waiting inner(&line, {"waiting for something inside", std::nullopt, false});
@@ -160,7 +165,8 @@ TEST(StatusLine, TheOldestWaitIsShownAndItsWordsFollowDescribe) {
 
 TEST(StatusLine, StopErasesAndLaterWaitsShowNothing) {
   Screen screen;
-  StatusLine line(screen.sink(), [] { return size_t{200}; }, true, fast);
+  StatusLine line(
+      screen.sink(), [] { return size_t{200}; }, true, fast);
   Waiting waiting(&line, {"waiting for instance a1 to answer", std::nullopt, false});
   ASSERT_TRUE(screen.waitForDraws(1));
   line.stop();

@@ -37,7 +37,9 @@ TEST(StatusText, Durations) {
 TEST(StatusText, ControlCharactersAreShownNotInterpreted) {
   EXPECT_EQ(StatusText::printable("abc\x1b[2Jdef"), "abc?[2Jdef");
   EXPECT_EQ(StatusText::printable("a\rb\nc\td\x7f"), "a?b?c?d?");
-  EXPECT_EQ(StatusText::printable("\xc2\x9b" "31m"), "?31m");  // C1 CSI
+  EXPECT_EQ(StatusText::printable("\xc2\x9b"
+                                  "31m"),
+            "?31m");  // C1 CSI
   EXPECT_EQ(StatusText::printable("caf\xc3\xa9 \xe2\x8c\x98"), "caf\xc3\xa9 \xe2\x8c\x98");
   EXPECT_EQ(StatusText::printable("bad \xff\xc3"), "bad ??");
   WaitSpec wait{"waiting for instance \x1b]0;title\x07", std::nullopt, false};
@@ -49,7 +51,8 @@ TEST(StatusText, ControlCharactersAreShownNotInterpreted) {
 TEST(StatusText, FittedLeavesTheLastColumnFree) {
   EXPECT_EQ(StatusText::fitted("abcdef", 4), "abc");
   EXPECT_EQ(StatusText::fitted("abc", 4), "abc");
-  EXPECT_EQ(StatusText::fitted("\xe2\x8c\x98\xe2\x8c\x98\xe2\x8c\x98", 3), "\xe2\x8c\x98\xe2\x8c\x98");
+  EXPECT_EQ(StatusText::fitted("\xe2\x8c\x98\xe2\x8c\x98\xe2\x8c\x98", 3),
+            "\xe2\x8c\x98\xe2\x8c\x98");
   EXPECT_EQ(StatusText::fitted("abc", 0), "");
 }
 

@@ -67,8 +67,7 @@ void printVersion(const Flags& flags, Instances& instances) {
   {
     FanoutWait waiting(instances.ctx.status, chosen);
     replies = parallelMap(chosen, [&](const InstanceInfo& instance) {
-      JSON reply =
-          Transport::getJSON(instance.socketPath, "/health", Transport::recordReplyBytes);
+      JSON reply = Transport::getJSON(instance.socketPath, "/health", Transport::recordReplyBytes);
       waiting.answered(static_cast<size_t>(&instance - chosen.data()));
       return reply;
     });
