@@ -88,6 +88,9 @@ start_sandbox() {
   local pid
   pid=$(XDG_RUNTIME_DIR="$runtime" "$vorn" instance list -o json |
     sed -n 's/^ *"pid": \([0-9]*\),*$/\1/p' | head -n 1)
+  # The stop command as it works from any folder (and for a sandbox not in the default place).
+  local stop="make -C $repo sandbox-stop"
+  [ -n "${VORN_SANDBOX:-}" ] && stop="VORN_SANDBOX=$sandbox $repo/scripts/sandbox.sh stop"
   cat <<TEXT
 A vorn sandbox runs in $sandbox: three simulated hosts ($ids) with the
 folders hello, scratch and notes of $projects open.
@@ -111,7 +114,7 @@ Then try:
 
 When you are done (this ends the hosts and removes $sandbox):
 
-  make sandbox-stop           # or: scripts/sandbox.sh stop
+  $stop
 TEXT
 }
 
