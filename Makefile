@@ -1,12 +1,12 @@
-# The front door: make (build), make dev, make test, make demo, make bench, make fuzz,
-# make install, make uninstall, make clean.
+# The front door: make (build), make dev, make test, make demo, make sandbox, make bench,
+# make fuzz, make install, make uninstall, make clean.
 BUILD   ?= build
 PREFIX  ?= /usr/local
 CMAKE_FLAGS ?=
 JOBS    ?= $(shell nproc 2>/dev/null || sysctl -n hw.ncpu 2>/dev/null || echo 2)
 SYSTEM  := $(shell uname)
 
-.PHONY: all deps configure build dev test unit e2e demo bench bench-cli bench-build fuzz fuzz-build fuzz-targets fuzz-test fuzz-short install uninstall clean format libcxx-test macos-check toolchain dist dist-check
+.PHONY: all deps configure build dev test unit e2e demo sandbox sandbox-stop bench bench-cli bench-build fuzz fuzz-build fuzz-targets fuzz-test fuzz-short install uninstall clean format libcxx-test macos-check toolchain dist dist-check
 
 all: build
 
@@ -78,6 +78,14 @@ tests/node_modules/.installed: tests/package.json tests/package-lock.json
 
 demo: deps build tests/node_modules/.installed
 	@scripts/demo.sh $(BUILD)/vorn
+
+# Three simulated hosts left running to try vorn by hand; prints the lines to paste into a shell.
+# Running it again replaces the sandbox; make sandbox-stop ends the hosts and removes it.
+sandbox: deps build tests/node_modules/.installed
+	@scripts/sandbox.sh start $(BUILD)/vorn
+
+sandbox-stop:
+	@scripts/sandbox.sh stop
 
 # Every benchmark beside its yardstick; rewrites the Benchmarks section of bench/RESULTS.md.
 bench: deps bench-build tests/node_modules/.installed

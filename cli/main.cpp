@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,7 @@
 #include "core/router.h"
 #include "hosts/delegate.h"
 #include "process/process.h"
+#include "terminal/status_line.h"
 
 extern char** environ;
 
@@ -33,8 +35,17 @@ int replaceProcess(const std::vector<std::string>& argv, const std::optional<std
 int main(int argc, char** argv) {
   ::signal(SIGPIPE, SIG_IGN);
   vorn::Context ctx = vorn::processContext(environ);
+  // At a terminal, every write goes through the status line of long waits, so the two never
+  // interleave; elsewhere the output is written as it is.
+  std::unique_ptr<vorn::StatusLine> status = vorn::StatusLine::forTerminal(ctx.getenv("TERM"));
+  if (status) {
+    ctx.status = status.get();
+    ctx.writeOut = [line = status.get()](std::string_view text) { line->write(1, text); };
+    ctx.writeErr = [line = status.get()](std::string_view text) { line->write(2, text); };
+  }
   std::vector<std::string> args(argv + (argc > 0 ? 1 : 0), argv + argc);
   vorn::Outcome outcome = vorn::VornCLI::main(args, ctx, vorn::commands());
+  if (status) status->stop();  // the line is gone and its thread ended before exit or exec
 
   if (auto* exit = std::get_if<vorn::Outcome::Exit>(&outcome.value)) return exit->code;
   ::signal(SIGPIPE, SIG_DFL);  // the child must not inherit the ignore disposition

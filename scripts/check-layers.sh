@@ -6,7 +6,7 @@ cd "$(dirname "$0")/../cli"
 
 layer() {
   case "$1" in
-    json | paths) echo 0 ;;
+    json | paths | terminal) echo 0 ;;
     transport | core | process) echo 1 ;;
     instances) echo 2 ;;
     hosts) echo 3 ;;

@@ -14,56 +14,20 @@ checkout="$demo/vorn"
 projects="$demo/projects"
 hosts=() # pids of the hosts started
 
-# The demo's hosts still running: every process that runs this checkout's host script (a host
-# interrupted while starting is found too); without `ps`, the hosts started whose instance
-# folder is still in the private runtime dir.
-running_hosts() {
-  if command -v ps >/dev/null 2>&1; then
-    ps -A -o pid= -o args= | awk -v script="$checkout/src/bun/headless.ts" 'index($0, script) { print $1 }'
-    return
-  fi
-  for pid in "${hosts[@]}"; do
-    [ -d "$runtime/vorn/$pid" ] && kill -0 "$pid" 2>/dev/null && echo "$pid"
-  done
-}
+. "$repo/scripts/demo-common.sh"
 
 stop() {
   trap '' INT TERM # a second Ctrl-C must not cut the clean-up short
-  local pids
-  pids=$(running_hosts)
-  if [ -n "$pids" ]; then
-    kill -TERM $pids 2>/dev/null
-    for _ in $(seq 50); do
-      pids=$(running_hosts)
-      [ -z "$pids" ] && break
-      sleep 0.1
-    done
-    [ -n "$pids" ] && kill -KILL $pids 2>/dev/null
-  fi
+  demo_end_hosts "$checkout" "$runtime" ${hosts[@]+"${hosts[@]}"}
   rm -rf "$demo"
 }
 trap stop EXIT
 trap 'exit 130' INT TERM
 
-# The checkout: the three files that mark one, and a headless host that is the simulator.
-mkdir -p "$checkout/tools" "$checkout/src/cli" "$checkout/src/bun" "$demo/bin" "$runtime"
-: >"$checkout/MODULE.bazel"
-: >"$checkout/tools/go.pin"
-: >"$checkout/src/cli/vorn.ts"
-printf 'import "%s";\n' "$repo/tests/sim/headless.ts" >"$checkout/src/bun/headless.ts"
-# Its language toolchain rows for the doctor, as a real checkout's script would report them.
-cat >"$checkout/src/cli/doctor-packs.ts" <<'PACKS'
-console.log(JSON.stringify([
-  { name: "go", status: "ok", detail: "go1.22.5 linux/amd64 (simulated)" },
-  { name: "gopls", status: "warn", detail: "not on PATH (simulated) - install it with go install golang.org/x/tools/gopls@latest" },
-]));
-PACKS
-
-# Two folders to open.
-mkdir -p "$projects/hello" "$projects/scratch"
-printf 'module example.com/hello\n\ngo 1.22\n' >"$projects/hello/go.mod"
-printf 'package hello\n\n// TODO: say hello to more people\nfunc Hello() string { return "hello" }\n' >"$projects/hello/hello.go"
-printf 'package scratch\n\n// TODO: try things out here\n' >"$projects/scratch/scratch.go"
+# The checkout, with the simulated instance as its headless host, and two folders to open.
+mkdir -p "$demo/bin" "$runtime"
+demo_checkout "$checkout" "$repo"
+demo_projects "$projects"
 
 # The repository's Bun is the `bun` the checkout asks for.
 ln -s "$repo/tests/node_modules/.bin/bun" "$demo/bin/bun"

@@ -34,6 +34,7 @@ need g++ g++
 need npm npm
 need jq jq
 need make make
+need script bsdutils # the terminal tests run vorn on a pseudo-terminal
 # The completion and installation tests drive the real shells and render the manual page.
 need zsh zsh
 need fish fish

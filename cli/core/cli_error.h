@@ -18,6 +18,9 @@ struct CliError {
   std::optional<std::string> instance;
   std::optional<std::vector<std::string>> instances;
   std::optional<std::string> preface;
+  // A line after the message, "did you mean 'instance'?", printed only at a terminal (never in
+  // JSON, never where a script reads it).
+  std::optional<std::string> suggestion;
 
   bool operator==(const CliError&) const = default;
 };

@@ -6,10 +6,11 @@
 #include <string>
 #include <string_view>
 
+#include "terminal/emit.h"
+
 namespace vorn {
 
-// Writes every byte of text to fd, retrying EINTR; other failures drop the rest.
-void emit(int fd, std::string_view text);
+class StatusLine;
 
 struct Context {
   std::map<std::string, std::string> env;
@@ -17,6 +18,9 @@ struct Context {
   std::string executable;
   std::function<void(std::string_view)> writeOut;
   std::function<void(std::string_view)> writeErr;
+  // The status line of long waits; none unless standard error is a terminal and the output is
+  // not JSON. Waiting hooks take it as it is (a null one shows nothing).
+  StatusLine* status = nullptr;
 
   // The variable's value, or nullptr when it is not set.
   const std::string* getenv(const std::string& name) const {

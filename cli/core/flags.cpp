@@ -1,6 +1,7 @@
 #include "core/flags.h"
 
 #include "core/cli_error.h"
+#include "core/suggest.h"
 #include "core/text.h"
 
 namespace vorn {
@@ -132,7 +133,9 @@ Flags parseFlags(const std::vector<std::string>& words,
     if (!option) option = lookup(globalOptions(), name);
     if (!option) {
       if (name == "--json") throw usageError("unknown flag --json (JSON output is -o json)");
-      throw usageError("unknown flag " + std::string(name));
+      CliError error = usageError("unknown flag " + std::string(name));
+      error.suggestion = Suggest::forFlag(name, verbOptions);
+      throw error;
     }
     std::optional<std::string> value;
     if (!option->value) {

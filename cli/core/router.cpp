@@ -7,6 +7,7 @@
 #include "core/command_table.h"
 #include "core/error_output.h"
 #include "core/help.h"
+#include "core/suggest.h"
 #include "paths/file_target.h"
 #include "paths/paths.h"
 #include "transport/deadline.h"
@@ -21,13 +22,23 @@ std::vector<std::string> rest(const std::vector<std::string>& words, size_t from
 }
 
 CliError unknownCommand(const std::string& word) {
-  return usageError("unknown command '" + word + "' (vorn help)");
+  CliError error = usageError("unknown command '" + word + "' (vorn help)");
+  error.suggestion = Suggest::forCommand(word);
+  return error;
 }
 
+// The error as text or JSON; at a terminal the suggestion follows it on a line of its own.
 Outcome printed(const CliError& error, bool json, Context& ctx) {
   std::string text = errorOutput(error, json);
+  if (!text.empty() && !json && ctx.status && error.suggestion) text += "\n" + *error.suggestion;
   if (!text.empty()) ctx.writeErr(text + "\n");
   return Outcome::exit(error.code);
+}
+
+// What a terminal shows beyond the output (the status line of long waits, suggestions) is for
+// people: JSON output goes to programs, and gets none of it.
+void plainIfJSON(Context& ctx, bool json) {
+  if (json) ctx.status = nullptr;
 }
 
 bool isVersionWord(const std::string& word) {
@@ -48,6 +59,7 @@ std::optional<double> exchangeTimeout(const Context& ctx) {
 Outcome VornCLI::main(const std::vector<std::string>& args, Context& ctx,
                       const Commands& commands) {
   bool json = wantsJSON(args);
+  plainIfJSON(ctx, json);
   try {
     return run(args, ctx, commands, json);
   } catch (const CliError& error) {
@@ -68,6 +80,7 @@ Outcome VornCLI::run(const std::vector<std::string>& args, Context& ctx, const C
   Transport::setTimeout(exchangeTimeout(ctx));
   if (!args.empty() && isVersionWord(args[0])) {
     Flags flags = parseFlags(rest(args, 1), {});
+    plainIfJSON(ctx, flags.json);
     commands.version(flags, ctx);
     return Outcome::exit(0);
   }
@@ -109,8 +122,10 @@ Outcome VornCLI::dispatch(const std::vector<std::string>& args, Context& ctx,
   }
   const VerbSpec* verb = noun->verb(*second);
   if (!verb) {
-    throw usageError("vorn " + noun->noun + ": unknown verb '" + words[1] + "' (" +
-                     noun->verbNames() + ")");
+    CliError error = usageError("vorn " + noun->noun + ": unknown verb '" + words[1] + "' (" +
+                                noun->verbNames() + ")");
+    error.suggestion = Suggest::forVerb(*noun, words);
+    throw error;
   }
 
   const std::vector<std::string> tail = rest(words, 2);
@@ -122,6 +137,7 @@ Outcome VornCLI::dispatch(const std::vector<std::string>& args, Context& ctx,
   }
   json = wantsJSON(words, verb->options);
   Flags flags = parseFlags(tail, verb->options);
+  plainIfJSON(ctx, json || flags.json);
 
   if (auto n = commands.handlers.find(noun->noun); n != commands.handlers.end()) {
     if (auto v = n->second.find(verb->name); v != n->second.end()) {

@@ -12,6 +12,7 @@
 #include "core/cli_error.h"
 #include "core/help.h"
 #include "core/test_support.h"
+#include "terminal/status_line.h"
 #include "transport/deadline.h"
 
 namespace vorn {
@@ -330,6 +331,53 @@ TEST_F(ShorthandTest, ExplicitSocketAllowsAPathThatIsNotHere) {
   EXPECT_EQ(pathShorthand({"missing", "--sock", "/tmp/s"}, io.ctx), std::nullopt);
   EXPECT_EQ(run({"missing", "--sock", "/tmp/s"}), Outcome::exit(2));
   EXPECT_EQ(io.err, "vorn: unknown command 'missing' (vorn help)\n");
+}
+
+// At a terminal (a status line in the context) a mistyped word gets the word that was meant on
+// a line of its own; without one, or with JSON output, the error is as it always was.
+struct SuggestionTest : RouterTest {
+  StatusLine line{[](int, std::string_view) {}, [] { return size_t{80}; }, true, {}};
+  SuggestionTest() { io.ctx.status = &line; }
+};
+
+TEST_F(SuggestionTest, AMistypedNounVerbOrFlagGetsTheKnownOne) {
+  EXPECT_EQ(run({"instnace", "list"}), Outcome::exit(2));
+  EXPECT_EQ(io.err, "vorn: unknown command 'instnace' (vorn help)\ndid you mean 'instance'?\n");
+  io.err.clear();
+  EXPECT_EQ(run({"search", "TODO"}), Outcome::exit(2));
+  EXPECT_EQ(io.err,
+            "vorn search: unknown verb 'TODO' (run)\ndid you mean 'vorn search run TODO'?\n");
+  io.err.clear();
+  EXPECT_EQ(run({"instance", "list", "--prnue"}), Outcome::exit(2));
+  EXPECT_EQ(io.err, "vorn: unknown flag --prnue\ndid you mean '--prune'?\n");
+  io.err.clear();
+  EXPECT_EQ(run({"help", "instnace"}), Outcome::exit(2));
+  EXPECT_EQ(io.err, "vorn: unknown command 'instnace' (vorn help)\ndid you mean 'instance'?\n");
+  EXPECT_EQ(io.out, "");
+}
+
+TEST_F(SuggestionTest, NothingCloseNothingSuggested) {
+  EXPECT_EQ(run({"nosuch"}), Outcome::exit(2));
+  EXPECT_EQ(io.err, "vorn: unknown command 'nosuch' (vorn help)\n");
+  io.err.clear();
+  EXPECT_EQ(run({"instance", "list", "--bogus"}), Outcome::exit(2));
+  EXPECT_EQ(io.err, "vorn: unknown flag --bogus\n");
+}
+
+TEST_F(SuggestionTest, JSONOutputGetsNoSuggestionAndNoStatusLine) {
+  EXPECT_EQ(run({"-o", "json", "instnace", "list"}), Outcome::exit(2));
+  EXPECT_EQ(io.err, "{\"error\":\"unknown command 'instnace' (vorn help)\",\"code\":2}\n");
+  EXPECT_EQ(io.ctx.status, nullptr);
+  io.ctx.status = &line;
+  io.err.clear();
+  EXPECT_EQ(run({"instance", "list", "--prnue", "-o", "json"}), Outcome::exit(2));
+  EXPECT_EQ(io.err, "{\"error\":\"unknown flag --prnue\",\"code\":2}\n");
+}
+
+TEST_F(SuggestionTest, WithoutATerminalTheErrorIsUnchanged) {
+  io.ctx.status = nullptr;
+  EXPECT_EQ(run({"instnace", "list"}), Outcome::exit(2));
+  EXPECT_EQ(io.err, "vorn: unknown command 'instnace' (vorn help)\n");
 }
 
 TEST_F(ShorthandTest, ANounWinsOverAFolderOfTheSameName) {

@@ -70,8 +70,10 @@ std::vector<DoctorCheck> Doctor::run() const {
   Scan scan = Instances{ctx}.scan(false);
   for (DoctorCheck& row : scanChecks(scan))
     checks.push_back(std::move(row));
-  for (const InstanceInfo& instance : scan.live)
+  for (const InstanceInfo& instance : scan.live) {
+    Waiting waiting(ctx.status, answerWait(waitingForAnswer(instance)));
     checks.push_back(instanceCheck(instance));
+  }
   for (DoctorCheck& row : cliChecks())
     checks.push_back(std::move(row));
   for (DoctorCheck& row : packChecks())

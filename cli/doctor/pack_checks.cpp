@@ -76,6 +76,9 @@ std::vector<DoctorCheck> Doctor::packChecks() const {
     program = *bun;
   }
   if (!Paths::isRegularFile(host->entry)) return skipped("no script at " + host->entry);
+  Waiting waiting(ctx.status,
+                  {"waiting for " + program + " " + host->entry + " (the toolchain rows)",
+                   std::nullopt, false});
   Captured run = captureOutput(program, hostArgv(*host, ctx.env, std::nullopt), host->cwd, ctx.env,
                                packOutputLimit);
   return packRows(program, host->entry, run);

@@ -47,7 +47,13 @@ void startDetached(const std::vector<std::string>& argv, std::map<std::string, s
   std::string log = Paths::join(
       {logDir, "server-" + std::to_string(static_cast<int64_t>(std::time(nullptr))) + ".log"});
   pid_t pid = spawnDetached(argv, env, log);
-  std::optional<std::string> sock = waitForSocket(rdir, pid, std::chrono::seconds(comeUpSeconds));
+  std::optional<std::string> sock;
+  {
+    Waiting waiting(ctx.status, {"waiting for the headless host (pid " + std::to_string(pid) +
+                                     ") to open its socket",
+                                 std::chrono::seconds(comeUpSeconds), false});
+    sock = waitForSocket(rdir, pid, std::chrono::seconds(comeUpSeconds));
+  }
   if (!sock) {
     throw startError("the host (pid " + std::to_string(pid) + ") did not come up within " +
                      std::to_string(comeUpSeconds) + "s \u2014 see " + log);

@@ -112,8 +112,12 @@ std::string searchParams(const std::vector<std::pair<std::string, std::string>>&
 
 void Instances::postEach(const std::vector<InstanceInfo>& targets, const std::string& path,
                          const JSON& body, const std::string& label, bool json) const {
-  std::vector<FanoutRow> rows =
-      parallelMap(targets, [&](const InstanceInfo& target) { return postOne(target, path, body); });
+  FanoutWait waiting(ctx.status, targets);
+  std::vector<FanoutRow> rows = parallelMap(targets, [&](const InstanceInfo& target) {
+    FanoutRow row = postOne(target, path, body);
+    waiting.answered(static_cast<size_t>(&target - targets.data()));
+    return row;
+  });
 
   bool single = rows.size() == 1 && !json;
   if (single) {
@@ -161,6 +165,7 @@ void Instances::readEach(const std::string& method, const std::string& path, con
   if (targets.size() == 1 && !flags.json) {
     RawReply reply;
     try {
+      Waiting waiting(ctx.status, answerWait(waitingForAnswer(targets[0])));
       reply = Transport::exchange(targets[0].socketPath, method, path, body);
     } catch (const TransportError& e) {
       throw CliError{e.description};
@@ -174,6 +179,7 @@ void Instances::readEach(const std::string& method, const std::string& path, con
   // {"results": [rows]}, written row by row as the replies come, so that one reply at a time is
   // held. Always a success: each row carries its own outcome.
   BlockWriter out(ctx.writeOut);
+  FanoutWait waiting(ctx.status, targets);
   out.text() += "{\n  \"results\": [";
   for (size_t i = 0; i < targets.size(); ++i) {
     out.text() += i ? ",\n    " : "\n    ";
@@ -185,6 +191,7 @@ void Instances::readEach(const std::string& method, const std::string& path, con
           {{"id", JSON(targets[i].id)}, {"ok", JSON(false)}, {"error", JSON(e.description)}})
           .write(out.text(), 2, 2);
     }
+    waiting.answered(i);
   }
   out.text() += "\n  ]\n}\n";
   out.flush();

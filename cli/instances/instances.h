@@ -4,6 +4,7 @@
 #include <bitset>
 #include <cstdint>
 #include <map>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -14,6 +15,7 @@
 #include "core/context.h"
 #include "core/flags.h"
 #include "json/json.h"
+#include "terminal/status_line.h"
 
 namespace vorn {
 
@@ -51,6 +53,9 @@ struct Scan {
 };
 
 std::optional<InstanceInfo> probeInstance(const std::string& sock);
+// The same, with the status line naming `who` ("pid 4242 (<sock>)") while the answer is awaited.
+std::optional<InstanceInfo> probeInstance(const std::string& sock, StatusLine* status,
+                                          const std::string& who);
 bool pidAlive(int64_t pid);
 bool isForeignHost(const InstanceInfo& record, const std::string& dialled);
 bool hasSelector(const Flags& flags);
@@ -70,6 +75,32 @@ inline constexpr int64_t staleAgeLimitSeconds = 10;
 double folderAgeMs(double nowSeconds, int64_t mtimeSeconds, int64_t mtimeNanoseconds);
 // True when a folder of that age may be pruned (strictly older than the limit).
 bool pastStaleAge(double ageMs);
+
+// The status line's words for waits on instances. A wait for an answer is bounded by
+// VORN_TIMEOUT when it is set; otherwise the line says that it can be.
+WaitSpec answerWait(std::string what);
+// "waiting for instance abc123 (pid 4242) to answer"
+std::string waitingForAnswer(const InstanceInfo& instance);
+// "1 of 3 answered; waiting for abc123, def456": at most three named, then "and 2 more".
+std::string fanoutProgress(size_t answered, size_t total, const std::vector<std::string>& waiting);
+
+// The status line of a fan-out: how many instances have answered, and which are awaited
+// ("1 of 3 answered; waiting for abc123, def456"). answered() may be called from any thread.
+class FanoutWait {
+ public:
+  FanoutWait(StatusLine* status, const std::vector<InstanceInfo>& targets);
+  void answered(size_t index);
+
+ private:
+  std::string text() const;  // with the lock held, or before any job runs
+
+  const std::vector<InstanceInfo>& targets_;
+  std::mutex lock_;
+  std::vector<bool> answered_;
+  size_t count_ = 0;
+  bool active_;
+  Waiting waiting_;  // last: it is made from the others
+};
 
 // The text table of instances: ID, PID, MODE, WORKSPACE, SOCK (no trailing newline).
 std::string instanceTable(const std::vector<InstanceInfo>& instances);

@@ -267,7 +267,8 @@ Scan Instances::scan(bool prune) const {
       reason = "dead-pid";
     } else if (!pathExists(sock)) {
       reason = "no-sock";
-    } else if (std::optional<InstanceInfo> info = probeInstance(sock)) {
+    } else if (std::optional<InstanceInfo> info =
+                   probeInstance(sock, ctx.status, "pid " + name + " (" + sock + ")")) {
       result.live.push_back(std::move(*info));
       continue;
     } else {

@@ -86,7 +86,8 @@ std::optional<InstanceInfo> Instances::own() const {
   std::string sockRoot = Paths::normalize(Paths::parent(Paths::parent(*sock)));
   if (sockRoot != Paths::normalize(runtimeRoot())) return std::nullopt;
 
-  std::optional<InstanceInfo> info = probeInstance(*sock);
+  std::optional<InstanceInfo> info =
+      probeInstance(*sock, ctx.status, "pid " + std::to_string(*pid) + " (" + *sock + ")");
   if (!info || info->pid != *pid) {
     ::unlink(file.c_str());  // the app it describes is gone; a failed delete does no harm
     return std::nullopt;
@@ -116,7 +117,10 @@ std::vector<InstanceInfo> Instances::implicitPool(const std::vector<InstanceInfo
 std::vector<InstanceInfo> Instances::resolve(const Flags& flags, bool requireOneWhenMany,
                                              bool allowAll) const {
   if (flags.sock) {
-    if (std::optional<InstanceInfo> info = probeInstance(*flags.sock)) return {*info};
+    if (std::optional<InstanceInfo> info =
+            probeInstance(*flags.sock, ctx.status, "the instance at " + *flags.sock)) {
+      return {*info};
+    }
     throw CliError{"no healthy instance at " + *flags.sock};
   }
   bool selector = hasSelector(flags);
@@ -191,6 +195,10 @@ bool Instances::waitForExit(const InstanceInfo& instance, double timeoutSeconds)
   double seconds = timeoutSeconds > 0 ? std::min(timeoutSeconds, maxWaitSeconds) : 0;
   Clock::time_point deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                                   std::chrono::duration<double>(seconds));
+  WaitSpec words{
+      "waiting for instance " + instance.id + " (pid " + std::to_string(instance.pid) + ") to exit",
+      std::chrono::milliseconds(static_cast<long long>(seconds * 1000)), false};
+  Waiting waiting(ctx.status, std::move(words));
   while (Clock::now() < deadline) {
     bool gone = !instance.foreign && !pidAlive(instance.pid);
     if (!gone) {

@@ -91,11 +91,15 @@ const char* const closing = R"ROFF(.SH EXIT STATUS
 Success.
 .TP
 .B 1
-An operation failed, or a check reported failure.
+An operation failed, or a check reported failure. Also a selection that finds nothing: a
+selector that matches no instance (\fBvorn instance focus \-i\fR \fInosuch\fR), \fBvorn
+instance quit\fR without a selector, no running instance, or \fB\-a\fR for a verb that
+takes one instance.
 .TP
 .B 2
-A usage or selection error: a bad command line, or selector flags that do not pick the
-instances the verb needs.
+A usage error: a bad command line (an unknown noun, verb or flag, a bad value, \fB\-a\fR
+with \fBfile open\fR or \fBworkspace open\fR), or an ambiguous selection: several
+instances where the verb needs one and nothing says which.
 .TP
 .B 127
 A program that \fBvorn\fR hands over to (Bun running a checkout's script) could not be
@@ -175,7 +179,17 @@ std::string environment() {
   // The help's Environment block is fixed; the opt-in time-out is documented here and in the README.
   out += item(bold("VORN_TIMEOUT"),
               "seconds to wait for any one instance before giving up (default: wait as long as "
-              "it takes)");
+              "it takes). An instance that does not answer the scan's GET /instance within it "
+              "is left out as unreachable: a fan-out has no row for it and selecting it finds "
+              "no instance. Only an instance that answers the scan and then hangs gets a "
+              "failed row, or fails the command aimed at it.");
+  out += item(bold("TERM"),
+              "when standard error is a terminal and TERM is set and not dumb, and the output "
+              "is not JSON, a wait of more than about a second shows a status line on standard "
+              "error (what is awaited, for how long, how to stop), erased before any other "
+              "output; and an unknown noun, verb or flag is followed by \"did you mean ...?\" "
+              "when a known one is close. Standard output, messages, JSON and exit statuses "
+              "never change.");
   return out;
 }
 

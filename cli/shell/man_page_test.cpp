@@ -46,7 +46,10 @@ TEST_F(ManPage, EnvironmentExitStatusAndFiles) {
        {".TP\n\\fBVORN_REPO_ROOT\\fR\ncheckout used by the PATH shim\n",
         ".TP\n\\fBXDG_RUNTIME_DIR\\fR\nsocket root (default: tmpdir)/vorn/<pid>/fs.sock\n",
         ".TP\n\\fBVORN_TIMEOUT\\fR\nseconds to wait for any one instance before giving up "
-        "(default: wait as long as it takes)\n",
+        "(default: wait as long as it takes). An instance that does not answer the scan's GET "
+        "/instance within it is left out as unreachable: a fan\\-out has no row for it and "
+        "selecting it finds no instance. Only an instance that answers the scan and then hangs "
+        "gets a failed row, or fails the command aimed at it.\n",
         ".TP\n.B 0\n", ".TP\n.B 1\n", ".TP\n.B 2\n", ".TP\n.B 127\n",
         ".I $XDG_RUNTIME_DIR/vorn/<pid>/fs.sock\n", ".I ~/.local/bin/vorn\n",
         ".I <checkout>/.cache/vorn/dev\\-app.json\n"}) {

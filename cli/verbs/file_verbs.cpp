@@ -69,6 +69,7 @@ void fileOpen(const Flags& flags, Instances& instances) {
 
   Reply reply;
   try {
+    Waiting waiting(instances.ctx.status, answerWait(waitingForAnswer(instance)));
     reply = Transport::request(instance.socketPath, "POST", "/openFile", &body);
   } catch (const TransportError& error) {
     throw CliError{"vorn file open [" + instance.id + "]: " + error.description};

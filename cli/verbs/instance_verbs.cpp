@@ -1,4 +1,5 @@
 // The `instance` noun: show and manage the running instances of the runtime directory.
+#include <atomic>
 #include <chrono>
 #include <cinttypes>
 #include <cmath>
@@ -259,9 +260,18 @@ void inspect(const Flags& flags, Instances& instances) {
     for (size_t p = 0; p < inspectPathCount; ++p)
       jobs.emplace_back(t, p);
   }
-  std::vector<JSON> replies = parallelMap(jobs, [&](const std::pair<size_t, size_t>& job) {
-    return Transport::getJSON(targets[job.first].socketPath, inspectPaths[job.second]);
-  });
+  std::vector<JSON> replies;
+  {
+    FanoutWait waiting(instances.ctx.status, targets);
+    std::vector<std::atomic<size_t>> left(targets.size());
+    for (auto& count : left)
+      count = inspectPathCount;
+    replies = parallelMap(jobs, [&](const std::pair<size_t, size_t>& job) {
+      JSON reply = Transport::getJSON(targets[job.first].socketPath, inspectPaths[job.second]);
+      if (--left[job.first] == 0) waiting.answered(job.first);
+      return reply;
+    });
+  }
 
   double now = nowMilliseconds();
   JSON::Array entries;
@@ -294,6 +304,7 @@ void focus(const Flags& flags, Instances& instances) {
   for (const auto& target : targets) {
     std::string problem;
     try {
+      Waiting waiting(instances.ctx.status, answerWait(waitingForAnswer(target)));
       Reply reply = Transport::request(target.socketPath, "POST", "/focus", &empty);
       if (reply.ok()) {
         instances.ctx.writeOut("Focused instance " + target.id + "\n");
@@ -328,7 +339,10 @@ void quit(const Flags& flags, Instances& instances) {
   for (const auto& target : targets) {
     std::string problem;
     try {
-      Reply reply = Transport::request(target.socketPath, "POST", "/quit", &empty);
+      Reply reply = [&] {
+        Waiting waiting(instances.ctx.status, answerWait(waitingForAnswer(target)));
+        return Transport::request(target.socketPath, "POST", "/quit", &empty);
+      }();
       if (reply.ok()) {
         if (instances.waitForExit(target, quitWaitSeconds)) {
           instances.ctx.writeOut("Quit instance " + target.id + "\n");

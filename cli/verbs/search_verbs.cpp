@@ -258,6 +258,7 @@ void searchRun(const Flags& flags, Instances& instances) {
 
   RawReply reply;
   try {
+    Waiting waiting(instances.ctx.status, answerWait(waitingForAnswer(target)));
     reply = Transport::exchange(target.socketPath, "GET", path);
   } catch (const TransportError& e) {
     throw CliError{"vorn search run: " + e.description};

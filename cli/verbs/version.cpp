@@ -63,9 +63,15 @@ void printVersion(const Flags& flags, Instances& instances) {
   }
 
   // A failed request folds into an object without "protocol", which reads as unknown.
-  std::vector<JSON> replies = parallelMap(chosen, [](const InstanceInfo& instance) {
-    return Transport::getJSON(instance.socketPath, "/health", Transport::recordReplyBytes);
-  });
+  std::vector<JSON> replies;
+  {
+    FanoutWait waiting(instances.ctx.status, chosen);
+    replies = parallelMap(chosen, [&](const InstanceInfo& instance) {
+      JSON reply = Transport::getJSON(instance.socketPath, "/health", Transport::recordReplyBytes);
+      waiting.answered(static_cast<size_t>(&instance - chosen.data()));
+      return reply;
+    });
+  }
   std::vector<std::pair<std::string, JSON>> protocols;
   protocols.reserve(chosen.size());
   for (size_t i = 0; i < chosen.size(); ++i) {

@@ -31,6 +31,8 @@ void launch(const Instances& instances, const std::string& dir, bool forceNew) {
 
 std::optional<InstanceInfo> waitForLaunch(const Instances& instances,
                                           const std::set<std::string>& known) {
+  Waiting waiting(instances.ctx.status,
+                  {"waiting for the app to show a new instance", launchWait, false});
   return waitForNewInstance([&] { return instances.scan(false).live; }, known, launchWait,
                             launchPoll);
 }
@@ -139,6 +141,7 @@ void openOn(const Instances& instances, const InstanceInfo& instance, const std:
   const JSON body = JSON::object({{"root", JSON(dir)}});
   Reply reply;
   try {
+    Waiting waiting(instances.ctx.status, answerWait(waitingForAnswer(instance)));
     reply = Transport::request(instance.socketPath, "POST", "/workspace", &body);
   } catch (const TransportError& error) {
     throw CliError{error.description};
@@ -148,6 +151,7 @@ void openOn(const Instances& instances, const InstanceInfo& instance, const std:
   if (reply.ok() && !(ok && *ok == JSON(false))) {
     // The folder is open even when the window cannot be raised, so /focus may fail quietly.
     try {
+      Waiting waiting(instances.ctx.status, answerWait(waitingForAnswer(instance)));
       Transport::request(instance.socketPath, "POST", "/focus");
     } catch (const TransportError&) {
     }
