@@ -20,8 +20,9 @@ std::string errorOutput(const CliError& error, bool json) {
     return JSON(std::move(pairs)).serialized(0);
   }
   std::string text = error.message.rfind("vorn", 0) == 0 ? error.message : "vorn: " + error.message;
-  if (error.preface) return *error.preface + "\n" + text;
-  return text;
+  // A message may quote an instance's reply: shown, never interpreted by the terminal.
+  if (error.preface) return visibleControls(*error.preface + "\n" + text);
+  return visibleControls(text);
 }
 
 std::string formatTable(const std::vector<std::vector<std::string>>& rows) {
