@@ -44,25 +44,42 @@ CliError untrusted(const std::string& what, const std::string& path, const std::
                     " \u2014 remove it, or set XDG_RUNTIME_DIR to a folder of your own");
 }
 
-// Opens the log for appending without following a link, and only when it is a file of ours
-// with no other name; throws CliError naming `program` (what could not be run) otherwise.
+// Opens the log for appending, and only when it is ours: a file of our own with no other name,
+// or a link of our own (the log folder is private, so no one else can have put one there) to
+// something that is not another user's. Throws CliError naming `program` (what could not be
+// run) when the log cannot be opened.
 int openLog(const std::string& log, const std::string& program) {
+  const uid_t self = Trust::self();
   UniqueFd folder(
       ::open(Paths::parent(log).c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   std::string name = log.substr(log.rfind('/') + 1);
   int fd = folder.get() < 0 ? -1
                             : ::openat(folder.get(), name.c_str(),
                                        O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0600);
-  if (fd < 0) {
-    int error = errno;
-    // O_NOFOLLOW refuses a link with ELOOP (EMLINK on some BSDs).
-    if (error == ELOOP || error == EMLINK) throw untrusted("the log", log, "a symbolic link");
-    throw startError("cannot run " + program + ": " + ::strerror(error));
+  bool followed = false;
+  // O_NOFOLLOW refuses a link with ELOOP (EMLINK on some BSDs).
+  if (fd < 0 && (errno == ELOOP || errno == EMLINK)) {
+    struct stat link;
+    if (::fstatat(folder.get(), name.c_str(), &link, AT_SYMLINK_NOFOLLOW) != 0 ||
+        link.st_uid != self) {
+      throw untrusted("the log", log,
+                      "a symbolic link owned by uid " + std::to_string(link.st_uid));
+    }
+    fd = ::openat(folder.get(), name.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    followed = true;
   }
+  if (fd < 0) throw startError("cannot run " + program + ": " + ::strerror(errno));
   struct stat st;
-  std::optional<std::string> problem =
-      ::fstat(fd, &st) != 0 ? std::optional<std::string>(::strerror(errno))
-                            : Trust::ownFileProblem(st, Trust::self());
+  std::optional<std::string> problem;
+  if (::fstat(fd, &st) != 0) {
+    problem = ::strerror(errno);
+  } else if (followed) {
+    if (!Trust::trustedOwner(st.st_uid, self)) {
+      problem = "a symbolic link to a file owned by uid " + std::to_string(st.st_uid);
+    }
+  } else {
+    problem = Trust::ownFileProblem(st, self);
+  }
   if (problem) {
     ::close(fd);
     throw untrusted("the log", log, *problem);

@@ -254,17 +254,46 @@ TEST(RequirePrivateLogFolder, AnotherUsersFolderIsRefused) {
                 fix);
 }
 
-TEST(SpawnDetached, ALogThatIsALinkIsRefusedBeforeAnythingRuns) {
+TEST(SpawnDetached, ALinkOfOurOwnIsFollowed) {
+  TempDir tmp;
+  std::string target = tmp.file("elsewhere.log", "earlier\n");
+  std::string log = tmp / "server-1.log";
+  ASSERT_EQ(::symlink(target.c_str(), log.c_str()), 0);
+  pid_t pid = spawnDetached({"/bin/sh", "-c", "echo out"}, {}, log);
+  EXPECT_EQ(reap(pid), 0);
+  EXPECT_EQ(contentOf(target), "earlier\nout\n");
+}
+
+TEST(SpawnDetached, ALinkOfAnotherUserIsRefusedBeforeAnythingRuns) {
   TempDir tmp;
   std::string bashrc = tmp.file("bashrc", "alias ll='ls -l'\n");
   std::string log = tmp / "server-1.log";
   ASSERT_EQ(::symlink(bashrc.c_str(), log.c_str()), 0);
+  if (::lchown(log.c_str(), 12345, static_cast<gid_t>(-1)) != 0) {
+    GTEST_SKIP() << "cannot give a link to another user here";
+  }
   CliError error = thrown([&] { spawnDetached({"/bin/sh", "-c", "echo owned"}, {}, log); });
-  EXPECT_EQ(error.message,
-            "vorn server start: the log " + log + " cannot be trusted: a symbolic link" + fix);
+  EXPECT_EQ(error.message, "vorn server start: the log " + log +
+                               " cannot be trusted: a symbolic link owned by uid 12345" + fix);
   EXPECT_EQ(error.code, 1);
   EXPECT_TRUE(noChildren());
   EXPECT_EQ(contentOf(bashrc), "alias ll='ls -l'\n");
+}
+
+TEST(SpawnDetached, ALinkToAnotherUsersFileIsRefused) {
+  TempDir tmp;
+  std::string theirs = tmp.file("theirs.log", "theirs\n");
+  if (::chown(theirs.c_str(), 12345, static_cast<gid_t>(-1)) != 0) {
+    GTEST_SKIP() << "cannot give a file to another user here";
+  }
+  std::string log = tmp / "server-1.log";
+  ASSERT_EQ(::symlink(theirs.c_str(), log.c_str()), 0);
+  CliError error = thrown([&] { spawnDetached({"/bin/sh", "-c", "echo owned"}, {}, log); });
+  EXPECT_EQ(error.message, "vorn server start: the log " + log +
+                               " cannot be trusted: a symbolic link to a file owned by uid 12345" +
+                               fix);
+  EXPECT_TRUE(noChildren());
+  EXPECT_EQ(contentOf(theirs), "theirs\n");
 }
 
 TEST(SpawnDetached, ALogWithAnotherNameIsRefused) {

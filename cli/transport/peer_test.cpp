@@ -154,7 +154,7 @@ TEST(RequestToAnotherUser, NothingIsSent) {
     ForeignServer server(sock);
     ASSERT_TRUE(server.started());
     EXPECT_EQ(describe([&] { Transport::request(sock, "GET", "/read?path=.env"); }),
-              "connect " + sock + ": the socket belongs to uid 12345, not you");
+              "connect " + sock + ": the server belongs to uid 12345, not you");
     EXPECT_EQ(server.received(), "0");
   }
   ::unlink(sock.c_str());

@@ -105,7 +105,8 @@ void believeServer(int fd, const std::string& sock, std::optional<pid_t> serverP
   uid_t self = Trust::self();
   struct stat st;
   if (::stat(sock.c_str(), &st) == 0 && !Trust::trustedOwner(st.st_uid, self)) {
-    throw TransportError{"connect " + sock + ": the socket belongs to uid " +
+    // Whoever bound the socket owns its file: the server is theirs.
+    throw TransportError{"connect " + sock + ": the server belongs to uid " +
                          std::to_string(st.st_uid) + ", not you"};
   }
   std::optional<PeerCredentials> peer = Peer::credentials(fd);
