@@ -60,8 +60,10 @@ int openLog(const std::string& log, const std::string& program) {
   // O_NOFOLLOW refuses a link with ELOOP (EMLINK on some BSDs).
   if (fd < 0 && (errno == ELOOP || errno == EMLINK)) {
     struct stat link;
-    if (::fstatat(folder.get(), name.c_str(), &link, AT_SYMLINK_NOFOLLOW) != 0 ||
-        link.st_uid != self) {
+    if (::fstatat(folder.get(), name.c_str(), &link, AT_SYMLINK_NOFOLLOW) != 0) {
+      throw untrusted("the log", log, "a symbolic link that cannot be examined");
+    }
+    if (link.st_uid != self) {
       throw untrusted("the log", log,
                       "a symbolic link owned by uid " + std::to_string(link.st_uid));
     }

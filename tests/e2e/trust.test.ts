@@ -25,7 +25,8 @@ const setpriv = Bun.which("setpriv");
 const canChown = process.getuid?.() === 0;
 /** Whether this run can also run a process as another user. */
 const canImpersonate = canChown && setpriv !== null && process.platform === "linux";
-const notRoot = "needs root to give files to another user";
+/** A test name that says why it is skipped unless run as root. */
+const rootOnly = (name: string) => `${name} (run as root only: it needs another user's files or processes)`;
 
 function modeOf(p: string): number {
   return fs.statSync(p).mode & 0o7777;
@@ -115,7 +116,7 @@ describe("1. the runtime root", () => {
     expect(modeOf(root)).toBe(0o777);
   });
 
-  test.skipIf(!canChown)("a root of another user: nothing deleted", async () => {
+  test.skipIf(!canChown)(rootOnly("a root of another user: nothing deleted"), async () => {
     const tmp = sharedDir("shared");
     const root = sb.dir("shared/vorn");
     const dirs = DEAD.map((name) => sb.dir(`shared/vorn/${name}`));
@@ -171,7 +172,7 @@ describe("2. checkouts", () => {
     expect(ran()).toBe("");
   });
 
-  test.skipIf(!canChown)("a checkout of another user is passed over: dev and doctor run nothing", async () => {
+  test.skipIf(!canChown)(rootOnly("a checkout of another user is passed over: dev and doctor run nothing"), async () => {
     const theirs = plant("theirs");
     const project = sb.dir("theirs/project");
     giveAway(path.join(theirs, "MODULE.bazel"));
@@ -227,7 +228,7 @@ describe("2. checkouts", () => {
       expect([r.stdout, r.stderr, r.code]).toEqual(["", notFound, 1]);
     });
 
-    test.skipIf(!canChown)("a native build in another user's checkout is not run", async () => {
+    test.skipIf(!canChown)(rootOnly("a native build in another user's checkout is not run"), async () => {
       const theirs = checkout(sb, "theirs");
       nativeBuild(sb, "theirs", 'echo "owned $*"\n');
       giveAway(theirs, true);
@@ -254,7 +255,7 @@ describe("3. a socket planted by another user", () => {
     return { tmp, env: { XDG_RUNTIME_DIR: undefined, TMPDIR: tmp } };
   }
 
-  test.skipIf(!canImpersonate)("its server is sent nothing: not by a scan, a read verb, --sock or --pid", async () => {
+  test.skipIf(!canImpersonate)(rootOnly("its server is sent nothing: not by a scan, a read verb, --sock or --pid"), async () => {
     const { tmp, env } = sharedRoot();
     const project = sb.dir("work/project");
     sb.file("work/project/.env", "password=hunter2\n");
@@ -329,7 +330,7 @@ describe("4. the host log", () => {
     expect(modeOf(elsewhere)).toBe(0o755);
   });
 
-  test.skipIf(!canChown)("a log folder made beforehand by another user is refused", async () => {
+  test.skipIf(!canChown)(rootOnly("a log folder made beforehand by another user is refused"), async () => {
     const dir = sb.dir("runtime/vorn");
     fs.chmodSync(dir, 0o700);
     giveAway(dir);
@@ -346,7 +347,7 @@ describe("4. the host log", () => {
     expect(fs.readFileSync(bashrc, "utf8")).toBe("alias ll='ls -l'\n");
   });
 
-  test.skipIf(!canChown)("predicted log names linked by another user: refused, .bashrc untouched", async () => {
+  test.skipIf(!canChown)(rootOnly("predicted log names linked by another user: refused, .bashrc untouched"), async () => {
     const dir = sb.dir("runtime/vorn");
     fs.chmodSync(dir, 0o700);
     const bashrc = sb.file("home/.bashrc", "alias ll='ls -l'\n");
