@@ -20,11 +20,18 @@ std::string errorOutput(const CliError& error, bool json) {
     return JSON(std::move(pairs)).serialized(0);
   }
   std::string text = error.message.rfind("vorn", 0) == 0 ? error.message : "vorn: " + error.message;
-  if (error.preface) return *error.preface + "\n" + text;
-  return text;
+  // A message may quote an instance's reply: shown, never interpreted by the terminal.
+  if (error.preface) return visibleControls(*error.preface + "\n" + text);
+  return visibleControls(text);
 }
 
-std::string formatTable(const std::vector<std::vector<std::string>>& rows) {
+std::string formatTable(const std::vector<std::vector<std::string>>& raw) {
+  // Cells may come from instances: control characters are written out before the widths are
+  // counted, so the columns line up as printed.
+  std::vector<std::vector<std::string>> rows = raw;
+  for (auto& row : rows) {
+    for (std::string& cell : row) cell = visibleControls(cell);
+  }
   std::vector<size_t> widths;
   for (const auto& row : rows) {
     if (widths.size() < row.size()) widths.resize(row.size(), 0);

@@ -67,5 +67,18 @@ TEST(FormatTable, CountsCharactersNotBytes) {
   EXPECT_EQ(formatTable({{"\u00e9\u00e9"}, {"abc"}}), "\u00e9\u00e9   \nabc  ");
 }
 
+TEST(ErrorOutput, ControlCharactersInTextAreWrittenOut) {
+  CliError error{"vorn instance focus [w\x1b[2J]: \x1b]0;t\x07\rOpened /safe/place", 1};
+  error.preface = "ID\nw\u009b1A";
+  EXPECT_EQ(errorOutput(error, false),
+            "ID\nw\\u009b1A\nvorn instance focus [w\\x1b[2J]: \\x1b]0;t\\x07\\x0dOpened /safe/place");
+  // JSON carries the text as it came, escaped the JSON way.
+  EXPECT_EQ(errorOutput(CliError{"a\x1b", 1}, true), "{\"error\":\"a\\u001b\",\"code\":1}");
+}
+
+TEST(FormatTable, ControlCharactersAreWrittenOutBeforeTheWidthsAreCounted) {
+  EXPECT_EQ(formatTable({{"ID", "PID"}, {"w\x1b[2J", "1"}}), "ID        PID  \nw\\x1b[2J  1    ");
+}
+
 }  // namespace
 }  // namespace vorn

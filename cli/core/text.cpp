@@ -54,4 +54,40 @@ std::string joinWords(const std::vector<std::string>& words, std::string_view se
   return out;
 }
 
+std::string visibleControls(std::string_view text) {
+  static const char hex[] = "0123456789abcdef";
+  auto isControl = [](unsigned char c) { return (c < 0x20 && c != '\t' && c != '\n') || c == 0x7f; };
+  // The common case, text without any, is one pass and one copy.
+  size_t first = 0;
+  for (; first < text.size(); ++first) {
+    unsigned char c = static_cast<unsigned char>(text[first]);
+    if (isControl(c)) break;
+    if (c == 0xc2 && first + 1 < text.size() &&
+        (static_cast<unsigned char>(text[first + 1]) & 0xe0) == 0x80) {
+      break;
+    }
+  }
+  if (first == text.size()) return std::string(text);
+  std::string out(text.substr(0, first));
+  out.reserve(text.size() + 16);
+  for (size_t i = first; i < text.size(); ++i) {
+    unsigned char c = static_cast<unsigned char>(text[i]);
+    if (isControl(c)) {
+      out += "\\x";
+      out += hex[c >> 4];
+      out += hex[c & 0x0f];
+    } else if (c == 0xc2 && i + 1 < text.size() &&
+               (static_cast<unsigned char>(text[i + 1]) & 0xe0) == 0x80) {
+      // U+0080 to U+009F, encoded as C2 80 to C2 9F.
+      unsigned char low = static_cast<unsigned char>(text[++i]);
+      out += "\\u00";
+      out += hex[low >> 4];
+      out += hex[low & 0x0f];
+    } else {
+      out.push_back(static_cast<char>(c));
+    }
+  }
+  return out;
+}
+
 }  // namespace vorn

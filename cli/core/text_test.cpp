@@ -67,5 +67,34 @@ TEST(TrimBlanks, BlanksAroundGoInsideStay) {
   EXPECT_EQ(trimBlanks(""), "");
 }
 
+TEST(VisibleControls, PlainTextIsUnchanged) {
+  EXPECT_EQ(visibleControls(""), "");
+  EXPECT_EQ(visibleControls("Opened /a b/c.go:12 on instance w1\n"),
+            "Opened /a b/c.go:12 on instance w1\n");
+  // Tab and line feed keep their meaning; other text, accents and CJK too.
+  EXPECT_EQ(visibleControls("a\tb\nc \u00e9\u00a0\u4e2d \\x1b"), "a\tb\nc \u00e9\u00a0\u4e2d \\x1b");
+}
+
+TEST(VisibleControls, C0AndDelAreWrittenOut) {
+  EXPECT_EQ(visibleControls("\x1b[2J\x1b]0;title\x07"), "\\x1b[2J\\x1b]0;title\\x07");
+  EXPECT_EQ(visibleControls("fake\rOpened /safe/place"), "fake\\x0dOpened /safe/place");
+  EXPECT_EQ(visibleControls(std::string("a\0b", 3)), "a\\x00b");
+  EXPECT_EQ(visibleControls("\x01\x08\x0b\x0c\x1f\x7f"), "\\x01\\x08\\x0b\\x0c\\x1f\\x7f");
+}
+
+TEST(VisibleControls, C1IsWrittenOut) {
+  // U+009B is the one-character CSI; U+0080 and U+009F the ends of the range.
+  EXPECT_EQ(visibleControls("x\u009b2Jy"), "x\\u009b2Jy");
+  EXPECT_EQ(visibleControls("\u0080\u009f\u00a0"), "\\u0080\\u009f\u00a0");
+  // Invalid UTF-8 is left for the terminal to show as it will: only whole C1 characters change.
+  EXPECT_EQ(visibleControls("\xc2"), "\xc2");
+  EXPECT_EQ(visibleControls("\x9b"), "\x9b");
+}
+
+TEST(VisibleControls, WrittenTwiceIsWrittenOnce) {
+  std::string once = visibleControls("\x1b[31m\u009bred");
+  EXPECT_EQ(visibleControls(once), once);
+}
+
 }  // namespace
 }  // namespace vorn

@@ -127,7 +127,8 @@ std::map<std::string, Handler> doctorVerbs() {
   return {{"check", [](const Flags& flags, Context& ctx) {
              rejectExtraArguments(flags, 0, "doctor check");
              std::vector<DoctorCheck> checks = Doctor{ctx}.run();
-             ctx.writeOut(flags.json ? doctorJSON(checks) : doctorText(checks));
+             // A row may carry an instance's words: shown, never interpreted by the terminal.
+             ctx.writeOut(flags.json ? doctorJSON(checks) : visibleControls(doctorText(checks)));
              // The rows say what failed; the exit status is all that is left to say.
              if (countStatus(checks, "fail") > 0) throw CliError{"", 1};
            }}};

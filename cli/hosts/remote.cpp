@@ -46,7 +46,9 @@ Outcome runInForeground(const RemoteRequest& request, const Flags& flags, const 
 
 bool looksLikeSshTarget(std::string_view text) {
   if (text.substr(0, sshScheme.size()) == sshScheme) text.remove_prefix(sshScheme.size());
-  if (text.empty() || text.front() == ':' || text.front() == '@' || text.front() == '/') {
+  // A target that begins with "-" would reach ssh as one of its options (-oProxyCommand=...).
+  if (text.empty() || text.front() == ':' || text.front() == '@' || text.front() == '/' ||
+      text.front() == '-') {
     return false;
   }
   return text.find_first_of(" \t\n") == std::string_view::npos;

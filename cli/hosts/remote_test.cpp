@@ -41,6 +41,17 @@ TEST(LooksLikeSshTarget, BarePathsMissingHostsAndBlanks) {
   }
 }
 
+TEST(LooksLikeSshTarget, NothingThatSshCouldTakeForAnOption) {
+  for (const char* target : {"-oProxyCommand=id", "ssh://-oProxyCommand=id", "-", "--", "-l",
+                             "ssh://-", "-box:~/src"}) {
+    EXPECT_FALSE(looksLikeSshTarget(target)) << target;
+  }
+  // A dash later in the name is a host name like any other.
+  for (const char* target : {"my-box", "dev@my-box:-dir", "ssh://box-1"}) {
+    EXPECT_TRUE(looksLikeSshTarget(target)) << target;
+  }
+}
+
 // ---- tunnelArgv ----
 
 TEST(TunnelArgv, TargetThenConfigThenJson) {

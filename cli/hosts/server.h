@@ -22,9 +22,15 @@ std::string runtimeDir(const Context& ctx);
 // Makes `dir` and its missing parents with mode 0700. The errno of the step that failed, or 0.
 int makePrivateDirectories(const std::string& dir);
 
+// The folder of the host logs, made private when missing; when it exists it must be a real
+// directory of our own that no one else may write, or the log could be read, replaced or
+// redirected. Throws CliError naming the folder.
+void requirePrivateLogFolder(const std::string& logDir);
+
 // Starts argv[0] (looked up on PATH) in a new session with exactly `env`, stdin from
-// /dev/null and stdout and stderr appended to `log` (created 0600). It inherits no other
-// descriptor. Its pid; throws CliError when it cannot be started.
+// /dev/null and stdout and stderr appended to `log` (created 0600; never through a symbolic link,
+// and only a file of our own with no other name). It inherits no other descriptor. Its pid;
+// throws CliError when it cannot be started.
 pid_t spawnDetached(const std::vector<std::string>& argv,
                     const std::map<std::string, std::string>& env, const std::string& log);
 

@@ -201,6 +201,126 @@ TEST(SpawnDetached, ALogThatCannotBeOpened) {
   EXPECT_TRUE(noChildren());
 }
 
+// ---- a log that is ours ----
+
+const std::string fix =
+    " \u2014 remove it, or set XDG_RUNTIME_DIR to a folder of your own";
+
+TEST(RequirePrivateLogFolder, MadeWhenMissingAndKeptWhenOurs) {
+  TempDir tmp;
+  EXPECT_NO_THROW(requirePrivateLogFolder(tmp / "run/vorn"));
+  EXPECT_EQ(modeOf(tmp / "run/vorn"), 0700);
+  std::string shared = tmp.dir("readable/vorn");
+  ASSERT_EQ(::chmod(shared.c_str(), 0755), 0);
+  EXPECT_NO_THROW(requirePrivateLogFolder(shared));
+  EXPECT_EQ(modeOf(shared), 0755);
+}
+
+TEST(RequirePrivateLogFolder, AFolderOthersMayWriteIsRefused) {
+  for (int mode : {0775, 0777, 01777}) {
+    TempDir tmp;
+    std::string dir = tmp.dir("vorn");
+    ASSERT_EQ(::chmod(dir.c_str(), mode), 0);
+    CliError error = thrown([&] { requirePrivateLogFolder(dir); });
+    EXPECT_EQ(error.message, "vorn server start: the log folder " + dir +
+                                 " cannot be trusted: writable by group or others" + fix);
+    EXPECT_EQ(error.code, 1);
+    EXPECT_EQ(modeOf(dir), mode);  // left as it was
+  }
+}
+
+TEST(RequirePrivateLogFolder, ALinkIsRefusedAndItsTargetUntouched) {
+  TempDir tmp;
+  std::string photos = tmp.dir("photos");
+  ASSERT_EQ(::chmod(photos.c_str(), 0755), 0);
+  std::string dir = tmp / "vorn";
+  ASSERT_EQ(::symlink(photos.c_str(), dir.c_str()), 0);
+  CliError error = thrown([&] { requirePrivateLogFolder(dir); });
+  EXPECT_EQ(error.message,
+            "vorn server start: the log folder " + dir + " cannot be trusted: a symbolic link" + fix);
+  EXPECT_EQ(modeOf(photos), 0755);
+}
+
+TEST(RequirePrivateLogFolder, AnotherUsersFolderIsRefused) {
+  TempDir tmp;
+  std::string dir = tmp.dir("vorn");
+  ASSERT_EQ(::chmod(dir.c_str(), 0700), 0);
+  if (::geteuid() != 0 || ::chown(dir.c_str(), 12345, static_cast<gid_t>(-1)) != 0) {
+    GTEST_SKIP() << "cannot give a folder to another user here";
+  }
+  CliError error = thrown([&] { requirePrivateLogFolder(dir); });
+  EXPECT_EQ(error.message,
+            "vorn server start: the log folder " + dir + " cannot be trusted: owned by uid 12345" +
+                fix);
+}
+
+TEST(SpawnDetached, ALinkOfOurOwnIsFollowed) {
+  TempDir tmp;
+  std::string target = tmp.file("elsewhere.log", "earlier\n");
+  std::string log = tmp / "server-1.log";
+  ASSERT_EQ(::symlink(target.c_str(), log.c_str()), 0);
+  pid_t pid = spawnDetached({"/bin/sh", "-c", "echo out"}, {}, log);
+  EXPECT_EQ(reap(pid), 0);
+  EXPECT_EQ(contentOf(target), "earlier\nout\n");
+}
+
+TEST(SpawnDetached, ALinkOfAnotherUserIsRefusedBeforeAnythingRuns) {
+  TempDir tmp;
+  std::string bashrc = tmp.file("bashrc", "alias ll='ls -l'\n");
+  std::string log = tmp / "server-1.log";
+  ASSERT_EQ(::symlink(bashrc.c_str(), log.c_str()), 0);
+  if (::geteuid() != 0 || ::lchown(log.c_str(), 12345, static_cast<gid_t>(-1)) != 0) {
+    GTEST_SKIP() << "cannot give a link to another user here";
+  }
+  CliError error = thrown([&] { spawnDetached({"/bin/sh", "-c", "echo owned"}, {}, log); });
+  EXPECT_EQ(error.message, "vorn server start: the log " + log +
+                               " cannot be trusted: a symbolic link owned by uid 12345" + fix);
+  EXPECT_EQ(error.code, 1);
+  EXPECT_TRUE(noChildren());
+  EXPECT_EQ(contentOf(bashrc), "alias ll='ls -l'\n");
+}
+
+TEST(SpawnDetached, ALinkToAnotherUsersFileIsRefused) {
+  TempDir tmp;
+  std::string theirs = tmp.file("theirs.log", "theirs\n");
+  if (::geteuid() != 0 || ::chown(theirs.c_str(), 12345, static_cast<gid_t>(-1)) != 0) {
+    GTEST_SKIP() << "cannot give a file to another user here";
+  }
+  std::string log = tmp / "server-1.log";
+  ASSERT_EQ(::symlink(theirs.c_str(), log.c_str()), 0);
+  CliError error = thrown([&] { spawnDetached({"/bin/sh", "-c", "echo owned"}, {}, log); });
+  EXPECT_EQ(error.message, "vorn server start: the log " + log +
+                               " cannot be trusted: a symbolic link to a file owned by uid 12345" +
+                               fix);
+  EXPECT_TRUE(noChildren());
+  EXPECT_EQ(contentOf(theirs), "theirs\n");
+}
+
+TEST(SpawnDetached, ALogWithAnotherNameIsRefused) {
+  TempDir tmp;
+  std::string elsewhere = tmp.file("elsewhere", "theirs\n");
+  std::string log = tmp / "server-1.log";
+  ASSERT_EQ(::link(elsewhere.c_str(), log.c_str()), 0);
+  CliError error = thrown([&] { spawnDetached({"/bin/sh", "-c", "echo owned"}, {}, log); });
+  EXPECT_EQ(error.message, "vorn server start: the log " + log +
+                               " cannot be trusted: a file with other names (hard links)" + fix);
+  EXPECT_TRUE(noChildren());
+  EXPECT_EQ(contentOf(elsewhere), "theirs\n");
+}
+
+TEST(SpawnDetached, ALogOfAnotherUserIsRefused) {
+  TempDir tmp;
+  std::string log = tmp.file("server-1.log", "");
+  if (::geteuid() != 0 || ::chown(log.c_str(), 12345, static_cast<gid_t>(-1)) != 0) {
+    GTEST_SKIP() << "cannot give a file to another user here";
+  }
+  CliError error = thrown([&] { spawnDetached({"/bin/sh", "-c", "echo owned"}, {}, log); });
+  EXPECT_EQ(error.message,
+            "vorn server start: the log " + log + " cannot be trusted: owned by uid 12345" + fix);
+  EXPECT_TRUE(noChildren());
+  EXPECT_EQ(contentOf(log), "");
+}
+
 // ---- waitForSocket ----
 
 TEST(WaitForSocket, AHealthySocket) {

@@ -1,6 +1,7 @@
 // One request against many instances, and the query-string encoding of request paths.
 #include <exception>
 
+#include "core/text.h"
 #include "instances/instances.h"
 #include "instances/parallel.h"
 #include "transport/transport.h"
@@ -146,7 +147,7 @@ void Instances::postEach(const std::vector<InstanceInfo>& targets, const std::st
     }
   }
   if (failed == 0) return;
-  if (!details.empty()) ctx.writeErr(details);
+  if (!details.empty()) ctx.writeErr(visibleControls(details));
   throw CliError{"vorn " + label + ": " + std::to_string(failed) + " target(s) failed"};
 }
 

@@ -149,8 +149,9 @@ struct Instances {
   void readEach(const std::string& method, const std::string& path, const JSON* body,
                 const Flags& flags, const std::string& label) const;
 
-  // Deletes <root>/<pid> when it is plainly ours: a child of root, a real directory (never
-  // through a symbolic link), owned by us. True when it is gone.
+  // Deletes <root>/<pid> when it is plainly ours: a child of a root we trust (Trust::
+  // runtimeRootProblem), a real directory (never through a symbolic link), owned by us. True
+  // when it is gone.
   static bool removeStaleDir(const std::string& root, const StaleEntry& entry);
 
  private:

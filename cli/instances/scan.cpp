@@ -15,6 +15,7 @@
 #include "core/text.h"
 #include "instances/instances.h"
 #include "paths/paths.h"
+#include "paths/trust.h"
 #include "process/zombie.h"
 #include "transport/transport.h"
 #include "transport/unique_fd.h"
@@ -87,32 +88,46 @@ bool emptyDirectory(int fd, int depth) {
   return ok;
 }
 
-// Removes `dir` and everything in it, provided it is still the directory that lstat saw.
-bool removeTree(const std::string& dir, const struct stat& seen) {
-  std::string parentDir = Paths::parent(dir);
-  size_t slash = dir.rfind('/');
-  std::string name = slash == std::string::npos ? dir : dir.substr(slash + 1);
-  if (name.empty() || name == "." || name == "..") return false;
-
-  UniqueFd parent(::open(parentDir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (parent.get() < 0) return false;
-  UniqueFd self(::openat(parent.get(), name.c_str(), openDirFlags));
+// Removes the folder `name` of the directory open on `parentFd` and everything in it, provided
+// it is still the directory that was seen.
+bool removeTreeAt(int parentFd, const std::string& name, const struct stat& seen) {
+  if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos) {
+    return false;
+  }
+  UniqueFd self(::openat(parentFd, name.c_str(), openDirFlags));
   if (self.get() < 0) return false;
   struct stat st;
   if (::fstat(self.get(), &st) != 0 || st.st_dev != seen.st_dev || st.st_ino != seen.st_ino) {
     return false;  // replaced since we looked at it
   }
   if (!emptyDirectory(self.get(), 0)) return false;
-  return ::unlinkat(parent.get(), name.c_str(), AT_REMOVEDIR) == 0;
+  return ::unlinkat(parentFd, name.c_str(), AT_REMOVEDIR) == 0;
+}
+
+// The last component of a path ("" for none).
+std::string lastName(const std::string& path) {
+  size_t slash = path.rfind('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+// Deletes <root>/<name> through the root's descriptor when it is plainly ours.
+bool removeStaleDirAt(int rootFd, const std::string& root, const StaleEntry& entry) {
+  if (Paths::parent(entry.dir) != root) return false;
+  std::string name = lastName(entry.dir);
+  struct stat st;
+  if (name.empty() || ::fstatat(rootFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return false;
+  if (!S_ISDIR(st.st_mode) || st.st_uid != ::getuid()) return false;
+  return removeTreeAt(rootFd, name, st);
 }
 
 bool fitsProcessId(int64_t pid) {
   return pid >= INT32_MIN && pid <= INT32_MAX;
 }
 
-bool pathExists(const std::string& path) {
+// Whether <root>/<rel> exists, looked up through the root's descriptor.
+bool existsAt(int rootFd, const std::string& rel) {
   struct stat st;
-  return ::stat(path.c_str(), &st) == 0;
+  return ::fstatat(rootFd, rel.c_str(), &st, 0) == 0;
 }
 
 double nowSeconds() {
@@ -121,9 +136,9 @@ double nowSeconds() {
 }
 
 // Prune only folders past the age limit; one we cannot stat is not protected by its age.
-bool oldEnoughToPrune(const std::string& dir) {
+bool oldEnoughToPrune(int rootFd, const std::string& name) {
   struct stat st;
-  if (::stat(dir.c_str(), &st) != 0) return true;
+  if (::fstatat(rootFd, name.c_str(), &st, 0) != 0) return true;
 #if defined(__APPLE__)
   const struct timespec& mtime = st.st_mtimespec;
 #else
@@ -230,20 +245,29 @@ std::string Instances::runtimeRoot() const {
 
 bool Instances::removeStaleDir(const std::string& root, const StaleEntry& entry) {
   if (Paths::parent(entry.dir) != root) return false;
-  struct stat st;
-  if (::lstat(entry.dir.c_str(), &st) != 0) return false;
-  if (!S_ISDIR(st.st_mode) || st.st_uid != ::getuid()) return false;
-  return removeTree(entry.dir, st);
+  UniqueFd rootFd(Trust::openRuntimeRoot(root, Trust::self()));
+  if (rootFd.get() < 0) return false;
+  return removeStaleDirAt(rootFd.get(), root, entry);
 }
 
 Scan Instances::scan(bool prune) const {
   Scan result;
   std::string root = runtimeRoot();
 
+  // A root that is a link, or that someone else owns or may write, is treated as absent: no
+  // socket in it is asked anything and nothing in it is deleted. Everything below goes through
+  // this descriptor, so the name cannot be pointed elsewhere while we work.
+  UniqueFd rootFd(Trust::openRuntimeRoot(root, Trust::self()));
+  if (rootFd.get() < 0) return result;
+
   std::vector<std::string> names;
   {
-    UniqueDir dir(::opendir(root.c_str()));
-    if (!dir.get()) return result;
+    int listFd = ::dup(rootFd.get());
+    UniqueDir dir(listFd < 0 ? nullptr : ::fdopendir(listFd));
+    if (!dir.get()) {
+      if (listFd >= 0) ::close(listFd);
+      return result;
+    }
     while (true) {
       errno = 0;
       dirent* entry = ::readdir(dir.get());
@@ -265,7 +289,7 @@ Scan Instances::scan(bool prune) const {
     std::string reason;
     if (!pidAlive(*pid)) {
       reason = "dead-pid";
-    } else if (!pathExists(sock)) {
+    } else if (!existsAt(rootFd.get(), name + "/fs.sock")) {
       reason = "no-sock";
     } else if (std::optional<InstanceInfo> info =
                    probeInstance(sock, ctx.status, "pid " + name + " (" + sock + ")")) {
@@ -276,8 +300,8 @@ Scan Instances::scan(bool prune) const {
     }
 
     StaleEntry entry{*pid, dir, sock, reason};
-    bool tryDelete = reason == "dead-pid" || (prune && oldEnoughToPrune(dir));
-    if (tryDelete && removeStaleDir(root, entry)) {
+    bool tryDelete = reason == "dead-pid" || (prune && oldEnoughToPrune(rootFd.get(), name));
+    if (tryDelete && removeStaleDirAt(rootFd.get(), root, entry)) {
       result.removed.push_back(std::move(entry));
     } else {
       result.stale.push_back(std::move(entry));

@@ -13,6 +13,19 @@ namespace vorn {
 
 namespace {
 
+// `sock` (normalised) is exactly <root>/<digits>/fs.sock for the normalised runtime `root`.
+bool isRuntimeSocket(const std::string& sock, const std::string& root) {
+  std::string prefix = root == "/" ? "/" : root + "/";
+  constexpr std::string_view leaf = "/fs.sock";
+  if (sock.size() <= prefix.size() + leaf.size() || sock.compare(0, prefix.size(), prefix) != 0 ||
+      sock.compare(sock.size() - leaf.size(), leaf.size(), leaf) != 0) {
+    return false;
+  }
+  std::string_view folder(sock.data() + prefix.size(), sock.size() - prefix.size() - leaf.size());
+  return !folder.empty() && std::all_of(folder.begin(), folder.end(),
+                                        [](char c) { return c >= '0' && c <= '9'; });
+}
+
 const char* const listHint = "pass -i ID (see vorn instance list)";
 const char* const checkoutHint = "vorn dev app start, or pass -i ID (see vorn instance list)";
 
@@ -82,12 +95,13 @@ std::optional<InstanceInfo> Instances::own() const {
   const std::string* sock = sockValue ? sockValue->string() : nullptr;
   if (!pid || !sock || sock->empty()) return std::nullopt;
 
-  // Only a socket of our own runtime directory is trusted: <root>/<pid>/fs.sock.
-  std::string sockRoot = Paths::normalize(Paths::parent(Paths::parent(*sock)));
-  if (sockRoot != Paths::normalize(runtimeRoot())) return std::nullopt;
+  // Only a socket of our own runtime directory is trusted: exactly <root>/<digits>/fs.sock once
+  // the whole path is normalised (<root>/../agent.sock is not in the root).
+  std::string normalSock = Paths::normalize(*sock);
+  if (!isRuntimeSocket(normalSock, Paths::normalize(runtimeRoot()))) return std::nullopt;
 
-  std::optional<InstanceInfo> info =
-      probeInstance(*sock, ctx.status, "pid " + std::to_string(*pid) + " (" + *sock + ")");
+  std::optional<InstanceInfo> info = probeInstance(
+      normalSock, ctx.status, "pid " + std::to_string(*pid) + " (" + normalSock + ")");
   if (!info || info->pid != *pid) {
     ::unlink(file.c_str());  // the app it describes is gone; a failed delete does no harm
     return std::nullopt;

@@ -2,11 +2,13 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <memory>
 
 #include "core/test_support.h"
 #include "instances/instances.h"
 #include "instances/test_instances.h"
+#include "paths/paths.h"
 
 namespace vorn {
 namespace {
@@ -361,6 +363,41 @@ TEST_F(SelectionTest, DevAppSocketOutsideTheRuntimeRootIsIgnored) {
   EXPECT_FALSE(instances().own());
   EXPECT_TRUE(testing::exists(devAppFile()));
   EXPECT_TRUE(far.requests().empty());
+}
+
+TEST_F(SelectionTest, DevAppSocketThatClimbsOutOfTheRuntimeRootIsIgnored) {
+  enterCheckout();
+  // <root>/../agent.sock: its parent's parent looks like the root's parent, never the root,
+  // but <root>/1/../../agent.sock or <root>/x/fs.sock must not pass either.
+  FakeInstanceServer agent(tmp / "agent.sock", FakeInstanceServer::answering(
+                                                   testing::record("agent", 1, tmp / "agent.sock")
+                                                       .json()));
+  for (const std::string& sock : {root + "/../agent.sock", root + "/1/../../agent.sock",
+                                  root + "/1/fs.sock/../../../agent.sock"}) {
+    writeDevApp(1, sock);
+    EXPECT_FALSE(instances().own()) << sock;
+    EXPECT_TRUE(testing::exists(devAppFile())) << sock;
+  }
+  EXPECT_TRUE(agent.requests().empty());
+
+  InstanceInfo named = add("named", "", 77);
+  std::filesystem::create_directories(root + "/x");
+  ASSERT_EQ(::symlink(named.socketPath.c_str(), (root + "/x/fs.sock").c_str()), 0);
+  writeDevApp(77, root + "/x/fs.sock");
+  EXPECT_FALSE(instances().own());
+  EXPECT_TRUE(testing::exists(devAppFile()));
+}
+
+TEST_F(SelectionTest, DevAppSocketIsProbedWhereItNormalisesTo) {
+  enterCheckout();
+  InstanceInfo mine = add("mine", "", 4242);
+  std::string folder = Paths::parent(mine.socketPath);
+  std::string name = folder.substr(folder.rfind('/') + 1);
+  writeDevApp(4242, folder + "/./../" + name + "//fs.sock");
+  auto own = instances().own();
+  ASSERT_TRUE(own);
+  EXPECT_EQ(own->id, "mine");
+  EXPECT_EQ(own->socketPath, mine.socketPath);
 }
 
 TEST_F(SelectionTest, BadDevAppFilesAreIgnoredAndKept) {

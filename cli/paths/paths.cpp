@@ -104,21 +104,31 @@ std::string absolute(std::string_view cwd, std::string_view path) {
   return normalize(joined);
 }
 
-bool isCheckout(const std::string& dir) {
+bool isCheckout(const std::string& dir, uid_t self) {
   // A folder inside an installed app bundle may carry the same files, but is never a checkout.
   if (dir.find(".app/Contents") != std::string::npos) return false;
-  return isRegularFile(join({dir, "MODULE.bazel"})) && isRegularFile(join({dir, "tools/go.pin"})) &&
-         isRegularFile(join({dir, checkoutScriptEntry}));
+  const std::string markers[] = {join({dir, "MODULE.bazel"}), join({dir, "tools/go.pin"}),
+                                 join({dir, checkoutScriptEntry})};
+  for (const std::string& marker : markers) {
+    if (!isRegularFile(marker)) return false;
+  }
+  // Its scripts are run as the user: a checkout that someone else owns, or could have
+  // written, is passed over as if it were none.
+  if (!Trust::trustedCheckoutPart(dir, self)) return false;
+  for (const std::string& marker : markers) {
+    if (!Trust::trustedCheckoutPart(marker, self)) return false;
+  }
+  return true;
 }
 
-std::optional<std::string> checkout(std::string_view containing) {
+std::optional<std::string> checkout(std::string_view containing, uid_t self) {
   std::string p = normalize(containing);
-  if (isCheckout(p)) return p;
+  if (isCheckout(p, self)) return p;
   while (true) {
     std::string up = parent(p);
     if (up == p) return std::nullopt;
     p = std::move(up);
-    if (isCheckout(p)) return p;
+    if (isCheckout(p, self)) return p;
   }
 }
 

@@ -7,6 +7,8 @@
 #include <string_view>
 #include <vector>
 
+#include "paths/trust.h"
+
 namespace vorn {
 
 namespace Paths {
@@ -24,10 +26,12 @@ std::string parent(std::string_view path);
 // `path` made absolute against cwd (unless it begins with "/") and normalised.
 std::string absolute(std::string_view cwd, std::string_view path);
 // False inside an application bundle; else MODULE.bazel, tools/go.pin and the script entry
-// must all be regular files.
-bool isCheckout(const std::string& dir);
-// The nearest checkout at or above `containing`, walking up with parent().
-std::optional<std::string> checkout(std::string_view containing);
+// must all be regular files, and the folder and those files must belong to `self` or root and
+// be writable by no one else (Trust::checkoutPartProblem).
+bool isCheckout(const std::string& dir, uid_t self = Trust::self());
+// The nearest checkout at or above `containing`, walking up with parent(); a folder that is
+// not a checkout we trust is passed over.
+std::optional<std::string> checkout(std::string_view containing, uid_t self = Trust::self());
 // realpath(3), or the path as it stands when that fails.
 std::string real(const std::string& path);
 bool isDirectory(const std::string& path);    // stat, following links

@@ -18,11 +18,20 @@ set -euo pipefail
 FALLBACK={{FALLBACK}}
 APP={{APP}}
 
-# The checkout holding the current directory, else VORN_REPO_ROOT, else the fallback.
+# Prints those of the paths that someone else could have put there: owned by neither us nor
+# root, or writable by group or others (a link is judged by what it leads to). Nothing printed:
+# every one of them may be trusted.
+untrusted() {
+  find -H "$@" -maxdepth 0 \( \( ! -user "$UID" ! -user 0 \) -o -perm -020 -o -perm -002 \) -print 2>/dev/null || echo "$1"
+}
+
+# The checkout holding the current directory, else VORN_REPO_ROOT, else the fallback. A folder
+# with the marks of a checkout that is not ours (or root's) alone is passed over.
 ROOT=""
 {{SEARCH}}
 while [ -n "$d" ]; do
-  if [ -f "$d/MODULE.bazel" ] && [ -f "$d/tools/go.pin" ] && [ -f "$d/{{ENTRY}}" ]; then
+  if [ -f "$d/MODULE.bazel" ] && [ -f "$d/tools/go.pin" ] && [ -f "$d/{{ENTRY}}" ] &&
+    [ -z "$(untrusted "$d" "$d/MODULE.bazel" "$d/tools/go.pin" "$d/{{ENTRY}}")" ]; then
     ROOT="$d"
     break
   fi

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -12,8 +13,10 @@
 #include <exception>
 #include <utility>
 
+#include "paths/trust.h"
 #include "transport/deadline.h"
 #include "transport/listen_queue.h"
+#include "transport/peer.h"
 #include "transport/unique_fd.h"
 
 namespace vorn {
@@ -91,6 +94,27 @@ void connectUnix(int fd, const std::string& sock, const Deadline& deadline) {
     if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0) err = errno;
   }
   if (err != 0) throw TransportError{"connect " + sock + ": " + std::strerror(err)};
+}
+
+// Nothing is sent to a server that someone else runs: the socket and the process at the other
+// end must be the user's (or root's), and, when the caller knows it, that exact process.
+void believeServer(int fd, const std::string& sock, std::optional<pid_t> serverPid) {
+  uid_t self = Trust::self();
+  struct stat st;
+  if (::stat(sock.c_str(), &st) == 0 && !Trust::trustedOwner(st.st_uid, self)) {
+    // Whoever bound the socket owns its file: the server is theirs.
+    throw TransportError{"connect " + sock + ": the server belongs to uid " +
+                         std::to_string(st.st_uid) + ", not you"};
+  }
+  std::optional<PeerCredentials> peer = Peer::credentials(fd);
+  if (std::optional<std::string> error = Peer::strangerError(sock, peer, self)) {
+    throw TransportError{*error};
+  }
+  if (serverPid && peer->pid != serverPid) {
+    throw TransportError{"connect " + sock + ": the server is " +
+                         (peer->pid ? "pid " + std::to_string(*peer->pid) : "a process") +
+                         ", not pid " + std::to_string(*serverPid)};
+  }
 }
 
 void writeAll(int fd, std::string_view bytes, const Deadline& deadline) {
@@ -395,12 +419,18 @@ Reply parseResponse(std::string_view bytes) {
 
 RawReply exchange(const std::string& sock, std::string_view method, std::string_view path,
                   const JSON* body, size_t maxBytes) {
+  return exchangeWith(sock, method, path, body, maxBytes, std::nullopt);
+}
+
+RawReply exchangeWith(const std::string& sock, std::string_view method, std::string_view path,
+                      const JSON* body, size_t maxBytes, std::optional<pid_t> serverPid) {
   // One deadline for connect, write and read together (none unless VORN_TIMEOUT set one).
   Deadline deadline(timeout());
   ReplyBytes bytes;
   {
     UniqueFd fd(openSocket());
     connectUnix(fd.get(), sock, deadline);
+    believeServer(fd.get(), sock, serverPid);
     writeAll(fd.get(), buildRequest(method, path, body), deadline);
     bytes = readAll(fd.get(), maxBytes, deadline);
   }
@@ -410,6 +440,11 @@ RawReply exchange(const std::string& sock, std::string_view method, std::string_
 Reply request(const std::string& sock, std::string_view method, std::string_view path,
               const JSON* body, size_t maxBytes) {
   return toReply(exchange(sock, method, path, body, maxBytes));
+}
+
+Reply requestFrom(pid_t serverPid, const std::string& sock, std::string_view method,
+                  std::string_view path) {
+  return toReply(exchangeWith(sock, method, path, nullptr, recordReplyBytes, serverPid));
 }
 
 JSON getJSON(const std::string& sock, std::string_view path, size_t maxBytes) {

@@ -1,6 +1,8 @@
 // The control socket client: one HTTP/1.1 exchange per connection over AF_UNIX.
 #pragma once
 
+#include <sys/types.h>
+
 #include <optional>
 #include <string>
 #include <string_view>
@@ -47,6 +49,12 @@ Reply request(const std::string& sock, std::string_view method, std::string_view
 // building them as values first). Throws TransportError.
 RawReply exchange(const std::string& sock, std::string_view method, std::string_view path,
                   const JSON* body = nullptr, size_t maxBytes = textReplyBytes);
+// The same exchange with a server that must be the process `serverPid` (a host we started
+// ourselves); any other process at that path is a transport error. Throws TransportError.
+RawReply exchangeWith(const std::string& sock, std::string_view method, std::string_view path,
+                      const JSON* body, size_t maxBytes, std::optional<pid_t> serverPid);
+Reply requestFrom(pid_t serverPid, const std::string& sock, std::string_view method,
+                  std::string_view path);
 // The body read as JSON; a body that is not JSON becomes {"error": "HTTP <status>: not JSON
 // (<its first 120 characters>)"}.
 Reply toReply(const RawReply& raw);

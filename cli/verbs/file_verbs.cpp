@@ -1,4 +1,5 @@
 // `vorn file open|read`: a file at a position in the instance whose workspace holds it.
+#include "core/text.h"
 #include "paths/file_target.h"
 #include "paths/paths.h"
 #include "transport/transport.h"
@@ -81,7 +82,7 @@ void fileOpen(const Flags& flags, Instances& instances) {
       ctx.writeOut(reply.body.merging({{"instance", JSON(instance.id)}}, true).serialized(2) +
                    "\n");
     } else {
-      ctx.writeOut(openedFileText(reply.body, instance.id));
+      ctx.writeOut(visibleControls(openedFileText(reply.body, instance.id)));
     }
     return;
   }

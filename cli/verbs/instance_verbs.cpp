@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "core/text.h"
 #include "instances/parallel.h"
 #include "transport/transport.h"
 #include "verbs/verbs.h"
@@ -232,6 +233,11 @@ double nowMilliseconds() {
 void list(const Flags& flags, Instances& instances) {
   Scan scan = instances.scan(flags.has("--prune"));
   ListOutput output = listOutput(scan, flags.has("--quiet"), flags.json);
+  // Ids, paths and names come from the instances: shown, never interpreted by the terminal.
+  if (!flags.json) {
+    output.err = visibleControls(output.err);
+    output.out = visibleControls(output.out);
+  }
   if (!output.err.empty()) instances.ctx.writeErr(output.err);
   instances.ctx.writeOut(output.out);
 }
@@ -307,7 +313,7 @@ void focus(const Flags& flags, Instances& instances) {
       Waiting waiting(instances.ctx.status, answerWait(waitingForAnswer(target)));
       Reply reply = Transport::request(target.socketPath, "POST", "/focus", &empty);
       if (reply.ok()) {
-        instances.ctx.writeOut("Focused instance " + target.id + "\n");
+        instances.ctx.writeOut(visibleControls("Focused instance " + target.id + "\n"));
         continue;
       }
       problem = replyError(reply, "focus failed (" + std::to_string(reply.status) + ")");
@@ -315,7 +321,8 @@ void focus(const Flags& flags, Instances& instances) {
       problem = "focus failed (unreachable)";
     }
     ++failed;
-    instances.ctx.writeErr("vorn instance focus [" + target.id + "]: " + problem + "\n");
+    instances.ctx.writeErr(
+        visibleControls("vorn instance focus [" + target.id + "]: " + problem + "\n"));
   }
   if (failed) {
     throw CliError{"vorn instance focus: " + std::to_string(failed) + " target(s) failed"};
@@ -345,7 +352,7 @@ void quit(const Flags& flags, Instances& instances) {
       }();
       if (reply.ok()) {
         if (instances.waitForExit(target, quitWaitSeconds)) {
-          instances.ctx.writeOut("Quit instance " + target.id + "\n");
+          instances.ctx.writeOut(visibleControls("Quit instance " + target.id + "\n"));
           continue;
         }
         problem = "still running after 10s";
@@ -356,7 +363,8 @@ void quit(const Flags& flags, Instances& instances) {
       problem = e.description;
     }
     ++failed;
-    instances.ctx.writeErr("vorn instance quit [" + target.id + "]: " + problem + "\n");
+    instances.ctx.writeErr(
+        visibleControls("vorn instance quit [" + target.id + "]: " + problem + "\n"));
   }
   if (failed) {
     throw CliError{"vorn instance quit: " + std::to_string(failed) + " target(s) failed"};
@@ -364,7 +372,8 @@ void quit(const Flags& flags, Instances& instances) {
 }
 
 void prune(const Flags& flags, Instances& instances) {
-  instances.ctx.writeOut(pruneOutput(instances.scan(true), flags.json));
+  std::string out = pruneOutput(instances.scan(true), flags.json);
+  instances.ctx.writeOut(flags.json ? out : visibleControls(out));
 }
 
 void health(const Flags& flags, Instances& instances) {

@@ -1,4 +1,5 @@
 // search run: the instance searches; the CLI builds the query and renders the reply.
+#include "core/text.h"
 #include "verbs/search_verbs.h"
 
 #include <array>
@@ -269,9 +270,10 @@ void searchRun(const Flags& flags, Instances& instances) {
   if (flags.json) {
     Transport::printBody(reply, instances.ctx.writeOut);
   } else {
-    // One write for the whole listing, however many matches there are.
+    // One write for the whole listing, however many matches there are. The matches are shown
+    // as the files hold them; the summary is ours.
     if (!listing.lines.empty()) instances.ctx.writeOut(listing.lines);
-    if (ok) instances.ctx.writeErr(searchSummary(listing));
+    if (ok) instances.ctx.writeErr(visibleControls(searchSummary(listing)));
   }
 
   if (!ok) {

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "core/text.h"
 #include "core/command_table.h"
 #include "instances/parallel.h"
 #include "transport/transport.h"
@@ -78,7 +79,8 @@ void printVersion(const Flags& flags, Instances& instances) {
     const JSON* protocol = replies[i].get("protocol");
     protocols.emplace_back(chosen[i].id, protocol ? *protocol : JSON());
   }
-  instances.ctx.writeOut(Version::versionOutput(protocols, flags.json));
+  std::string out = Version::versionOutput(protocols, flags.json);
+  instances.ctx.writeOut(flags.json ? out : visibleControls(out));
 }
 
 }  // namespace vorn

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <set>
 
+#include "core/text.h"
 #include "paths/paths.h"
 #include "transport/transport.h"
 #include "verbs/open.h"
@@ -157,7 +158,7 @@ void openOn(const Instances& instances, const InstanceInfo& instance, const std:
     }
     const JSON* root = reply.body.get("root");
     const std::string& shown = root && root->string() ? *root->string() : dir;
-    instances.ctx.writeOut("Opened " + shown + " on instance " + instance.id + "\n");
+    instances.ctx.writeOut(visibleControls("Opened " + shown + " on instance " + instance.id + "\n"));
     return;
   }
 
