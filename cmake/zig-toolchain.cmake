@@ -27,6 +27,9 @@ if(VORN_ZIG_TARGET MATCHES "-macos")
 else()
   set(CMAKE_SYSTEM_NAME Linux)
   set(CMAKE_SYSTEM_PROCESSOR ${VORN_ZIG_ARCH})
+  # Zig builds the static C and C++ libraries with debug information (and the paths of its
+  # cache); a release binary keeps none of it.
+  set(CMAKE_EXE_LINKER_FLAGS_INIT "-s")
 endif()
 
 set(VORN_ZIG_WRAPPERS ${CMAKE_CURRENT_LIST_DIR}/zig)
