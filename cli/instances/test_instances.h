@@ -160,11 +160,7 @@ class FakeInstanceServer {
       if (client < 0) continue;
       bool last = answer(client);
       ::close(client);
-      if (last) {
-        ::close(fd_);
-        fd_ = -1;
-        return;
-      }
+      if (last) return;  // answer() has closed the listening socket already
     }
   }
 
@@ -208,6 +204,12 @@ class FakeInstanceServer {
       seen_.push_back(request);
     }
     FakeReply reply = handler_(request);
+    if (reply.stopListening) {
+      // Before the reply goes out: once the client has it, its next connect must be refused,
+      // not queued on a socket about to close (which would reset it).
+      ::close(fd_);
+      fd_ = -1;
+    }
     if (reply.hangUp) return reply.stopListening;
     std::string out = reply.raw ? *reply.raw
                                 : "HTTP/1.1 " + std::to_string(reply.status) +
