@@ -15,6 +15,7 @@ cd "$(dirname "$0")/.."
 . scripts/macho.sh
 host=${1:?usage: scripts/dist-check.sh HOST_BUILD [DIST]}
 dist=${2:-dist}
+host_dir=$(cd "$host" && pwd)
 fail() { echo "dist-check: $*" >&2; exit 1; }
 say() { echo "dist-check: $*"; }
 for dir in /usr/lib/llvm-*/bin; do [ -d "$dir" ] && PATH="$PATH:$dir"; done
@@ -52,8 +53,9 @@ $listed"
   prefix=$work/$name
   mkdir -p "$prefix"
   tar -C "$prefix" -xzf "$archive"
-  MANPAGER=cat PAGER=cat MANWIDTH=80 man -l "$prefix/share/man/man1/vorn.1" 2>/dev/null |
-    sed 's/.\x08//g' | grep -q "vorn - command-line front end of the Vorn code editor" ||
+  page=$(MANPAGER=cat PAGER=cat MANWIDTH=80 man -l "$prefix/share/man/man1/vorn.1" 2>/dev/null |
+    sed 's/.\x08//g')
+  grep -q "vorn - command-line front end of the Vorn code editor" <<<"$page" ||
     fail "$archive: man -l does not render the manual page"
   say "$archive: exactly the listed files, owned by root; the manual page renders"
 done
@@ -64,17 +66,22 @@ linux_aarch64=$work/linux-aarch64/bin/vorn
 universal=$work/macos-universal/bin/vorn
 file -b "$linux_x86_64" | grep -q "x86-64.*static" || fail "not a static x86-64 binary: $(file -b "$linux_x86_64")"
 file -b "$linux_aarch64" | grep -q "ARM aarch64.*static" || fail "not a static aarch64 binary: $(file -b "$linux_aarch64")"
-"$linux_x86_64" help | head -1 | grep -qx "Vorn CLI $version" || fail "linux-x86_64: bin/vorn help fails"
-"$qemu" "$linux_aarch64" help | head -1 | grep -qx "Vorn CLI $version" || fail "linux-aarch64: bin/vorn help fails under QEMU"
+help=$("$linux_x86_64" help) || fail "linux-x86_64: bin/vorn help fails"
+[ "${help%%$'\n'*}" = "Vorn CLI $version" ] || fail "linux-x86_64: bin/vorn help says: ${help%%$'\n'*}"
+help=$("$qemu" "$linux_aarch64" help) || fail "linux-aarch64: bin/vorn help fails under QEMU"
+[ "${help%%$'\n'*}" = "Vorn CLI $version" ] || fail "linux-aarch64: bin/vorn help says: ${help%%$'\n'*}"
 say "the Linux binaries are static and run bin/vorn help (aarch64 under QEMU)"
 archs=$("$lipo" -archs "$universal" | tr ' ' '\n' | sort | xargs)
 [ "$archs" = "arm64 x86_64" ] || fail "the universal binary holds '$archs', not arm64 and x86_64"
-check_macho "$universal" aarch64 "$minimum" >/dev/null || fail "the arm64 slice fails its check"
-check_macho "$universal" x86_64 "$minimum" >/dev/null || fail "the x86_64 slice fails its check"
+"$lipo" -thin arm64 "$universal" -output "$work/vorn-arm64"
+"$lipo" -thin x86_64 "$universal" -output "$work/vorn-x86_64"
+check_macho "$work/vorn-arm64" aarch64 "$minimum" >/dev/null || fail "the arm64 slice fails its check"
+check_macho "$work/vorn-x86_64" x86_64 "$minimum" >/dev/null || fail "the x86_64 slice fails its check"
 say "the universal binary holds arm64 and x86_64, minimum macOS $minimum, libSystem only"
 
 # The end-to-end suite against the static binaries.
-(cd tests && VORN_BIN="$linux_x86_64" node_modules/.bin/bun test --timeout 60000) ||
+# The build's own files (generated scripts, install rules) come from HOST_BUILD.
+(cd tests && VORN_BIN="$linux_x86_64" VORN_BUILD="$host_dir" node_modules/.bin/bun test --timeout 60000) ||
   fail "the static x86_64 binary fails the end-to-end suite"
 say "the static x86_64 binary passes the end-to-end suite"
 emulated=$work/vorn-aarch64

@@ -62,7 +62,9 @@ linux_x86_64=$(build_vorn x86_64-linux-musl "$host-linux-x86_64")
 linux_aarch64=$(build_vorn aarch64-linux-musl "$host-linux-aarch64")
 
 # The static binary of this machine's kind must say the version the archives are named after.
-said=$(XDG_RUNTIME_DIR=$(mktemp -d) "$linux_x86_64" version | head -1)
+runtime=$(mktemp -d)
+said=$(XDG_RUNTIME_DIR=$runtime "$linux_x86_64" version) || fail "the built vorn cannot say its version"
+rm -rf "$runtime"
 [ "$said" = "vorn $version" ] || fail "the built vorn says '$said', not 'vorn $version'"
 
 universal=$(mktemp -d)/vorn

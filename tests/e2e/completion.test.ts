@@ -5,7 +5,7 @@
 import { describe, expect, setDefaultTimeout, test } from "bun:test";
 import fs from "node:fs";
 import path from "node:path";
-import { vornBin, type Sandbox } from "./harness";
+import { buildDir, vornBin, type Sandbox } from "./harness";
 import { byPid, useSandbox } from "./support";
 import { bashWords, complete, completion, FILES, runShell, SHELLS } from "./shells";
 
@@ -24,7 +24,7 @@ const sorted = (words: string[]) => [...words].sort();
 const USAGE = "vorn shell-command completion: expected one of bash, zsh, fish\n";
 
 // The generated files the build installs, beside the binary under test.
-const generated = (rel: string) => path.join(path.dirname(vornBin()), "generated", rel);
+const generated = (rel: string) => path.join(buildDir(), "generated", rel);
 
 describe("vorn shell-command completion", () => {
   test("prints each shell's script followed by a newline", async () => {

@@ -114,6 +114,15 @@ export function vornBin(): string {
   return path.resolve(bin);
 }
 
+/**
+ * The build folder that goes with the vorn under test: its generated completion scripts and
+ * manual page, and its install rules. VORN_BUILD when set (a released binary tested on its own
+ * lives elsewhere), else the folder of VORN_BIN.
+ */
+export function buildDir(): string {
+  return path.resolve(process.env.VORN_BUILD || path.dirname(vornBin()));
+}
+
 async function readAllBytes(stream: ReadableStream<Uint8Array>): Promise<Buffer> {
   return Buffer.from(await new Response(stream).arrayBuffer());
 }

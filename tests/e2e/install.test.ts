@@ -6,14 +6,13 @@
 import { afterAll, beforeAll, describe, expect, setDefaultTimeout, test } from "bun:test";
 import fs from "node:fs";
 import path from "node:path";
-import { vornBin, type Sandbox } from "./harness";
+import { buildDir, type Sandbox } from "./harness";
 import { useSandbox } from "./support";
 import { completion, runShell } from "./shells";
 
 setDefaultTimeout(180000);
 
-const BIN = vornBin();
-const BUILD = path.dirname(BIN);
+const BUILD = buildDir();
 const REPO = path.resolve(import.meta.dir, "../..");
 const MANIFEST = path.join(BUILD, "install_manifest.txt");
 const PREFIX = "/opt/vorn";
@@ -26,7 +25,7 @@ useSandbox((fresh) => (sb = fresh), "file");
 // leave that record as it was found.
 let savedManifest: Buffer | undefined;
 beforeAll(() => {
-  if (!fs.existsSync(path.join(BUILD, "cmake_install.cmake"))) throw new Error(`${BUILD} is not a CMake build folder: point VORN_BIN at build/vorn`);
+  if (!fs.existsSync(path.join(BUILD, "cmake_install.cmake"))) throw new Error(`${BUILD} is not a CMake build folder: point VORN_BIN at build/vorn (or VORN_BUILD at build)`);
   savedManifest = fs.existsSync(MANIFEST) ? fs.readFileSync(MANIFEST) : undefined;
 });
 afterAll(() => {
@@ -79,7 +78,7 @@ describe("make install and cmake --install", () => {
     expect(files(destdir)).toEqual([...INSTALLED, "bin/other-tool", "share/man/man1/other.1"].map((f) => path.join(PREFIX.slice(1), f)).sort());
     expect(fs.statSync(path.join(prefix, "bin/vorn")).mode & 0o777).toBe(0o755);
     for (const f of INSTALLED.slice(1)) expect(fs.statSync(path.join(prefix, f)).mode & 0o777).toBe(0o644);
-    expect(bytes(path.join(prefix, "bin/vorn")).equals(bytes(BIN))).toBe(true);
+    expect(bytes(path.join(prefix, "bin/vorn")).equals(bytes(path.join(BUILD, "vorn")))).toBe(true);
     expect(bytes(path.join(prefix, "share/man/man1/vorn.1")).equals(bytes(path.join(BUILD, "generated/share/man/man1/vorn.1")))).toBe(true);
   });
 
