@@ -137,8 +137,9 @@ void Instances::postEach(const std::vector<InstanceInfo>& targets, const std::st
     ++failed;
     if (!single && row.detail) {
       const JSON* id = row.row.get("id");
-      const std::string* idText = id ? id->string() : nullptr;
-      details += "vorn " + label + " [" + (idText ? *idText : "?") + "]: " + *row.detail + "\n";
+      std::optional<std::string_view> idText = id ? id->string() : std::nullopt;
+      details += "vorn " + label + " [" + std::string(idText ? *idText : "?") +
+                 "]: " + *row.detail + "\n";
     }
   }
   if (failed == 0) return;

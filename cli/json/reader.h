@@ -330,51 +330,111 @@ class JSONReader {
   std::string scratch_;
 };
 
-// Builds the value. Finished values wait on one stack shared by all levels until their
-// container closes, and are then moved into a container of the exact size: one allocation per
-// container instead of one per growth step.
+// Counts the entries of every container, in the order in which the containers open, so that
+// TreeSink can give each one storage of its exact size before reading it.
+class SizeSink {
+ public:
+  static constexpr bool keepsText = false;
+  void null() { entry(); }
+  void boolean(bool) { entry(); }
+  void number(double) { entry(); }
+  void string(std::string&) { entry(); }
+  void key(std::string&) {}
+  void beginArray() { open(); }
+  void beginObject() { open(); }
+  void endArray() { open_.pop_back(); }
+  void endObject() { open_.pop_back(); }
+
+  std::vector<uint32_t> take() { return std::move(sizes_); }
+
+ private:
+  void entry() {
+    // A size is only a hint for the storage to set aside: past 2^32 - 1 it stops counting.
+    if (!open_.empty() && sizes_[open_.back()] != UINT32_MAX) ++sizes_[open_.back()];
+  }
+  void open() {
+    entry();
+    open_.push_back(sizes_.size());
+    sizes_.push_back(0);
+  }
+
+  std::vector<uint32_t> sizes_;
+  std::vector<size_t> open_;
+};
+
+// Builds the value, each entry in its place in its container. With the sizes that SizeSink
+// counted, every container is allocated once at its exact size, so a parsed reply holds no
+// spare room and is never copied; without them the containers grow as they are filled.
 class TreeSink {
  public:
-  void null() { values_.emplace_back(); }
-  void boolean(bool b) { values_.emplace_back(b); }
-  void number(double v) { values_.emplace_back(v); }
-  void string(std::string& s) { values_.emplace_back(std::move(s)); }
-  void key(std::string& k) { keys_.push_back(std::move(k)); }
-  void beginArray() { frames_.push_back({values_.size(), keys_.size()}); }
-  void beginObject() { frames_.push_back({values_.size(), keys_.size()}); }
+  TreeSink() = default;
+  explicit TreeSink(std::vector<uint32_t> sizes) : sizes_(std::move(sizes)) {}
 
+  void null() { put(JSON()); }
+  void boolean(bool b) { put(JSON(b)); }
+  void number(double v) { put(JSON(v)); }
+  void string(std::string& s) { put(JSON(std::string_view(s))); }
+  void key(std::string& k) { frames_.back().object->emplace_back(std::move(k), JSON()); }
+
+  void beginArray() {
+    auto* array = new JSON::Array;
+    array->reserve(nextSize());
+    JSON value = JSON::array();
+    value.setPointer(array);
+    put(std::move(value));
+    frames_.push_back({array, nullptr});
+  }
+  void beginObject() {
+    auto* object = new JSON::Object;
+    object->reserve(nextSize());
+    JSON value = JSON::object();
+    value.setPointer(object);
+    put(std::move(value));
+    frames_.push_back({nullptr, object});
+  }
+  // An empty container gives its storage back: an empty value holds none.
   void endArray() {
-    Frame f = frames_.back();
+    JSON::Array* array = frames_.back().array;
     frames_.pop_back();
-    JSON::Array array(std::make_move_iterator(values_.begin() + f.values),
-                      std::make_move_iterator(values_.end()));
-    values_.resize(f.values);
-    values_.emplace_back(std::move(array));
+    if (array->empty()) last() = JSON::array();
   }
-
   void endObject() {
-    Frame f = frames_.back();
+    JSON::Object* object = frames_.back().object;
     frames_.pop_back();
-    JSON::Object object;
-    object.reserve(values_.size() - f.values);
-    for (size_t i = f.values, k = f.keys; i < values_.size(); ++i, ++k) {
-      object.emplace_back(std::move(keys_[k]), std::move(values_[i]));
-    }
-    values_.resize(f.values);
-    keys_.resize(f.keys);
-    values_.emplace_back(std::move(object));
+    if (object->empty()) last() = JSON::object();
   }
 
-  JSON result() { return std::move(values_.back()); }
+  JSON result() { return std::move(root_); }
 
  private:
   struct Frame {
-    size_t values;
-    size_t keys;
+    JSON::Array* array;    // the open array, or
+    JSON::Object* object;  // the open object, whose last pair waits for its value
   };
-  std::vector<JSON> values_;
-  std::vector<std::string> keys_;
+
+  size_t nextSize() { return next_ < sizes_.size() ? sizes_[next_++] : 0; }
+
+  void put(JSON&& value) {
+    if (frames_.empty()) {
+      root_ = std::move(value);
+    } else if (JSON::Array* array = frames_.back().array) {
+      array->push_back(std::move(value));
+    } else {
+      frames_.back().object->back().second = std::move(value);
+    }
+  }
+
+  // The value put last into the innermost open container: the one that has just closed.
+  JSON& last() {
+    if (frames_.empty()) return root_;
+    if (JSON::Array* array = frames_.back().array) return array->back();
+    return frames_.back().object->back().second;
+  }
+
+  std::vector<uint32_t> sizes_;
+  size_t next_ = 0;
   std::vector<Frame> frames_;
+  JSON root_;
 };
 
 // Hears every value and keeps nothing: reading with it checks that the text parses.

@@ -67,7 +67,7 @@ JSON diagnosticsSummary(const JSON& reply) {
   for (const JSON& entry : entries) {
     const JSON* source = entry.get("source");
     if (!source || !source->string()) continue;
-    const std::string& name = *source->string();
+    std::string_view name = *source->string();
     bool found = false;
     for (auto& [key, count] : bySource) {
       if (key == name) {
@@ -277,7 +277,7 @@ void inspect(const Flags& flags, Instances& instances) {
 // The reply's "error" string, or the fallback.
 std::string replyError(const Reply& reply, const std::string& fallback) {
   if (const JSON* error = reply.body.get("error"); error && error->string()) {
-    return *error->string();
+    return std::string(*error->string());
   }
   return fallback;
 }
