@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "json/block_writer.h"
+#include "json/byte_scan.h"
 #include "json/decimal.h"
 
 namespace vorn {
@@ -217,7 +218,7 @@ JSON& JSON::operator=(JSON&& other) noexcept {
     unsigned char taken[sizeof bytes_];
     std::memcpy(taken, other.bytes_, sizeof taken);
     other.setTag(Tag::null);
-    release();
+    if (ownsStorage()) release();
     std::memcpy(bytes_, taken, sizeof bytes_);
   }
   return *this;
@@ -518,16 +519,10 @@ void JSON::appendQuoted(std::string& out, std::string_view s) {
   out.push_back('"');
   const char* run = p;
   while (p < end) {
-    if (end - p >= 8) {
-      uint64_t w = load8(p);
-      if (!((hasByteBelow(w, 0x20) | hasZeroByte(w ^ (kOnes * '"')) |
-             hasZeroByte(w ^ (kOnes * '\\'))) &
-            kHighs)) {
-        high |= w;
-        p += 8;
-        continue;
-      }
-    }
+    bool highSeen = false;
+    p = ByteScan::skipVerbatim(p, end, &highSeen);
+    if (highSeen) high |= 0x80;
+    if (p == end) break;
     auto c = static_cast<unsigned char>(*p);
     if (kEscape.needs[c]) {
       out.append(run, p - run);

@@ -48,7 +48,9 @@ class JSON {
   JSON(JSON&& other) noexcept;
   JSON& operator=(const JSON& other);
   JSON& operator=(JSON&& other) noexcept;
-  ~JSON() { release(); }
+  ~JSON() {
+    if (ownsStorage()) release();
+  }
 
   static JSON array(Array a = {}) { return JSON(std::move(a)); }
   static JSON object(Object o = {}) { return JSON(std::move(o)); }
@@ -104,6 +106,7 @@ class JSON {
   static constexpr size_t kShortString = 14;
 
   Tag tag() const { return static_cast<Tag>(bytes_[15]); }
+  bool ownsStorage() const { return tag() >= Tag::longString; }
   void setTag(Tag t) { bytes_[15] = static_cast<unsigned char>(t); }
   template <typename T>
   T* pointer() const;

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "json/byte_scan.h"
 #include "json/decimal.h"
 #include "json/json.h"
 
@@ -204,15 +205,9 @@ class JSONReader {
     uint64_t high = 0;
     for (;;) {
       const char* run = p_;
-      while (end_ - p_ >= 8) {
-        uint64_t w;
-        std::memcpy(&w, p_, 8);
-        if (JSONDetail::hasZeroByte(w ^ (JSONDetail::kOnes * '"')) |
-            JSONDetail::hasZeroByte(w ^ (JSONDetail::kOnes * '\\')))
-          break;
-        high |= w;
-        p_ += 8;
-      }
+      bool highSeen = false;
+      p_ = ByteScan::skipUnquoted(p_, end_, &highSeen);
+      if (highSeen) high |= 0x80;
       while (p_ < end_ && *p_ != '"' && *p_ != '\\') {
         high |= static_cast<unsigned char>(*p_);
         ++p_;
@@ -293,26 +288,30 @@ class JSONReader {
   // infinity (printed as null) or zero.
   double number() {
     const char* start = p_;
+    // Plain integers of up to 18 digits, read as they are scanned: exact in 64 bits, and one
+    // conversion to double rounds them correctly.
+    {
+      bool negative = *start == '-';
+      const char* d = start + negative;
+      const char* q = d;
+      uint64_t u = 0;
+      while (q < end_ && static_cast<unsigned char>(*q - '0') < 10 && q - d < 19) {
+        u = u * 10 + static_cast<uint64_t>(*q - '0');
+        ++q;
+      }
+      if (q > d && q - d <= 18 &&
+          (q == end_ || !JSONDetail::kClass.number[static_cast<unsigned char>(*q)])) {
+        p_ = q;
+        double v = static_cast<double>(u);
+        return negative ? -v : v;
+      }
+    }
+
     while (p_ < end_ && JSONDetail::kClass.number[static_cast<unsigned char>(*p_)])
       ++p_;
     const char* first = start;
     const char* last = p_;
     if (first == last) fail("bad number");
-
-    // Plain integers of up to 18 digits: exact in 64 bits, and one conversion to double rounds
-    // them correctly.
-    bool negative = *first == '-';
-    const char* d = first + negative;
-    if (d < last && last - d <= 18) {
-      uint64_t u = 0;
-      const char* q = d;
-      for (; q < last && *q >= '0' && *q <= '9'; ++q)
-        u = u * 10 + static_cast<uint64_t>(*q - '0');
-      if (q == last) {
-        double v = static_cast<double>(u);
-        return negative ? -v : v;
-      }
-    }
 
     if (*first == '+') {
       ++first;
@@ -370,10 +369,10 @@ class TreeSink {
   TreeSink() = default;
   explicit TreeSink(std::vector<uint32_t> sizes) : sizes_(std::move(sizes)) {}
 
-  void null() { put(JSON()); }
-  void boolean(bool b) { put(JSON(b)); }
-  void number(double v) { put(JSON(v)); }
-  void string(std::string& s) { put(JSON(std::string_view(s))); }
+  void null() { put(nullptr); }
+  void boolean(bool b) { put(b); }
+  void number(double v) { put(v); }
+  void string(std::string& s) { put(std::string_view(s)); }
   void key(std::string& k) { frames_.back().object->emplace_back(std::move(k), JSON()); }
 
   void beginArray() {
@@ -414,13 +413,15 @@ class TreeSink {
 
   size_t nextSize() { return next_ < sizes_.size() ? sizes_[next_++] : 0; }
 
-  void put(JSON&& value) {
+  // Builds the value where it belongs.
+  template <typename T>
+  void put(T&& value) {
     if (frames_.empty()) {
-      root_ = std::move(value);
+      root_ = JSON(std::forward<T>(value));
     } else if (JSON::Array* array = frames_.back().array) {
-      array->push_back(std::move(value));
+      array->emplace_back(std::forward<T>(value));
     } else {
-      frames_.back().object->back().second = std::move(value);
+      frames_.back().object->back().second = JSON(std::forward<T>(value));
     }
   }
 
