@@ -127,8 +127,10 @@ void Instances::postEach(const std::vector<InstanceInfo>& targets, const std::st
 
   bool single = rows.size() == 1 && !json;
   if (single) {
+    // Printed where it stands (a conditional between it and a null would copy it).
+    const JSON null;
     const JSON* replyBody = rows[0].row.get("body");
-    print(ctx, replyBody ? *replyBody : JSON());
+    print(ctx, replyBody ? *replyBody : null);
     if (rows[0].failed && rows[0].detail) {
       throw CliError{"vorn " + label + ": " + *rows[0].detail};
     }

@@ -6,6 +6,7 @@
 #include <random>
 #include <string>
 
+#include "json/block_writer.h"
 #include "json/byte_scan.h"
 #include "json/json.h"
 
@@ -96,6 +97,29 @@ TEST(JSONStorage, DeepValuesCopyAndCompare) {
   JSON copy = v;
   EXPECT_EQ(copy, v);
   EXPECT_EQ(copy.serialized(0), text);
+}
+
+TEST(JSONStorage, WrittenInBlocksIsTheSameText) {
+  JSON v = JSON::parse(
+      R"({"a":[1,2.5,"x",{"b":[],"c":{}},[[true,false,null]]],"long":"text of some length here"})");
+  for (int indent : {0, 2}) {
+    for (int depth : {0, 3}) {
+      std::string whole;
+      v.write(whole, indent, depth);
+      std::string joined;
+      size_t blocks = 0;
+      BlockWriter out(
+          [&](std::string_view block) {
+            joined += block;
+            ++blocks;
+          },
+          16);
+      v.writeTo(out, indent, depth);
+      out.flush();
+      EXPECT_EQ(joined, whole) << indent << " " << depth;
+      EXPECT_GT(blocks, 3u);  // handed on as it went, not at the end
+    }
+  }
 }
 
 // The plain reference: the first quote or backslash, and whether a byte before it is high.
