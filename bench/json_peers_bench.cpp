@@ -324,8 +324,7 @@ void nlohmannWrite(benchmark::State& state, const std::string& text, int indent)
 void add(const std::string& name, std::function<void(benchmark::State&)> fn) {
   benchmark::RegisterBenchmark(name.c_str(), fn)
       ->Unit(benchmark::kMillisecond)
-      ->MinTime(0.5)
-      ->UseRealTime();
+      ->MinTime(0.5);
 }
 
 void registerAll() {

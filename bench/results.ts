@@ -237,7 +237,7 @@ function peerTable(): string {
     "Google Benchmark in `json_peers_bench`: each library parses the same generated document and " +
     "serializes its own parsed value, in the same binary (simdjson's DOM parser, reusing one parser as " +
     "its documentation advises; RapidJSON with its default flags; nlohmann/json). Throughput counts the " +
-    "document's bytes for parse and the bytes written for serialize, per second of wall time; simdjson " +
+    "document's bytes for parse and the bytes written for serialize, per second of CPU time (the machine is shared); simdjson " +
     "3.0 has no indented output. \"value\" is the heap that vorn's parsed value holds, as the C library " +
     "accounts it, over the document's size. Documents: a workspace tree of nested folders with non-ASCII " +
     "names and escapes (compact, as an instance sends it), coordinates with all the digits of a double (like " +
