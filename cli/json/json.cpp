@@ -13,24 +13,8 @@ namespace vorn {
 
 namespace {
 
-constexpr uint64_t kOnes = 0x0101010101010101ull;
-constexpr uint64_t kHighs = 0x8080808080808080ull;
-
-// Nonzero when some byte of w is zero.
-inline uint64_t hasZeroByte(uint64_t w) {
-  return (w - kOnes) & ~w & kHighs;
-}
-
-// Nonzero when some byte of w is below n (n <= 128).
-inline uint64_t hasByteBelow(uint64_t w, uint8_t n) {
-  return (w - kOnes * n) & ~w & kHighs;
-}
-
-inline uint64_t load8(const char* p) {
-  uint64_t w;
-  std::memcpy(&w, p, 8);
-  return w;
-}
+using ByteScan::kHighs;
+using ByteScan::load8;
 
 // The length of the well-formed UTF-8 sequence at p (1 to 4), or 0 when it is ill-formed; then
 // *bad is the length of its maximal ill-formed subpart (at least 1), which one U+FFFD replaces.
