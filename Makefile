@@ -6,7 +6,7 @@ CMAKE_FLAGS ?=
 JOBS    ?= $(shell nproc 2>/dev/null || sysctl -n hw.ncpu 2>/dev/null || echo 2)
 SYSTEM  := $(shell uname)
 
-.PHONY: all deps configure build dev test unit e2e demo sandbox sandbox-stop bench bench-cli bench-build fuzz fuzz-build fuzz-targets fuzz-test fuzz-short install uninstall clean format libcxx-test macos-check toolchain dist dist-check
+.PHONY: all deps configure build dev test unit e2e demo sandbox sandbox-stop bench bench-cli bench-deps bench-build fuzz fuzz-build fuzz-targets fuzz-test fuzz-short install uninstall clean format libcxx-test macos-check toolchain dist dist-check
 
 all: build
 
@@ -99,8 +99,12 @@ bench-cli: deps bench-build tests/node_modules/.installed
 $(BUILD)-bench/build.ninja:
 	cmake -S . -B $(BUILD)-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DVORN_TESTS=OFF -DVORN_BENCH=ON
 
+# The peer JSON libraries the benchmarks compare against (benchmark-only).
+bench-deps:
+	@scripts/ensure-bench-deps.sh
+
 # Configured once (after deps, hence the inner make), built every time.
-bench-build: deps
+bench-build: deps bench-deps
 	@$(MAKE) --no-print-directory $(BUILD)-bench/build.ninja
 	cmake --build $(BUILD)-bench -j $(JOBS)
 

@@ -30,8 +30,11 @@ fi
 echo "== JSON throughput (json_bench)"
 "$build/json_bench" --benchmark_out="$out/json.json" --benchmark_out_format=json
 echo
+echo "== JSON beside simdjson, RapidJSON and nlohmann/json (json_peers_bench)"
+"$build/json_peers_bench" --benchmark_out="$out/peers.json" --benchmark_out_format=json
+echo
 echo "== whole commands against their yardsticks (cli_bench.ts)"
 "$bun" "$repo/bench/cli_bench.ts" --bin "$build" --runs-scale "$scale" --out "$out/cli.json"
 echo
-"$bun" "$repo/bench/results.ts" --cli "$out/cli.json" --json "$out/json.json" \
+"$bun" "$repo/bench/results.ts" --cli "$out/cli.json" --json "$out/json.json" --peers "$out/peers.json" \
   --results "$repo/bench/RESULTS.md" --command "make bench"

@@ -53,7 +53,7 @@ std::optional<std::string> Doctor::shimValue(std::string_view text, std::string_
     if (value.size() >= 2 && value.front() == '"') {
       try {
         JSON decoded = JSON::parse(value);
-        if (const std::string* s = decoded.string()) return *s;
+        if (std::optional<std::string_view> s = decoded.string()) return std::string(*s);
       } catch (const JSONParseError&) {
       }
     }

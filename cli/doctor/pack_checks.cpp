@@ -14,7 +14,7 @@ std::vector<DoctorCheck> skipped(const std::string& reason) {
   return {{"languages", "warn", "toolchain rows skipped: " + reason}};
 }
 
-bool isStatus(const std::string& status) {
+bool isStatus(std::string_view status) {
   return status == "ok" || status == "warn" || status == "fail";
 }
 
@@ -26,7 +26,8 @@ std::optional<DoctorCheck> rowOf(const JSON& element) {
   if (!element.members() || !name || !status || !detail) return std::nullopt;
   if (!name->string() || !status->string() || !detail->string()) return std::nullopt;
   if (!isStatus(*status->string())) return std::nullopt;
-  return DoctorCheck{*name->string(), *status->string(), *detail->string()};
+  return DoctorCheck{std::string(*name->string()), std::string(*status->string()),
+                     std::string(*detail->string())};
 }
 
 }  // namespace

@@ -117,12 +117,14 @@ DoctorCheck instanceRow(const InstanceInfo& instance, const JSON& health, const 
     languageText = "language status: " + *error;
   } else {
     const JSON* id = language.get("language");
-    languageText = id && id->string() ? *id->string() : "language";
+    languageText = id && id->string() ? std::string(*id->string()) : "language";
     const JSON* ready = language.get("ready");
     languageText += ready && ready->isTrue() ? " ready" : " not ready";
     const JSON* detail = language.get("detail");
     if (detail && detail->string() && !detail->string()->empty()) {
-      languageText += " (" + *detail->string() + ")";
+      languageText += " (";
+      languageText += *detail->string();
+      languageText += ")";
     }
   }
 

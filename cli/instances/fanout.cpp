@@ -28,8 +28,6 @@ FanoutRow postOne(const InstanceInfo& target, const std::string& path, const JSO
   FanoutRow out;
   try {
     Reply reply = Transport::request(target.socketPath, "POST", path, &body);
-    out.row = JSON::object(
-        {{"id", JSON(target.id)}, {"status", JSON(reply.status)}, {"body", reply.body}});
     if (!reply.ok()) {
       out.failed = true;
     } else if (const JSON* ok = reply.body.get("ok")) {
@@ -40,6 +38,13 @@ FanoutRow postOne(const InstanceInfo& target, const std::string& path, const JSO
         out.detail = *detail->string();
       }
     }
+    // The body moves into the row: a large reply is held once.
+    JSON::Object row;
+    row.reserve(3);
+    row.emplace_back("id", JSON(target.id));
+    row.emplace_back("status", JSON(reply.status));
+    row.emplace_back("body", std::move(reply.body));
+    out.row = JSON(std::move(row));
   } catch (const TransportError& e) {
     // Status 0 marks a target that gave no reply at all.
     out.row = JSON::object({{"id", JSON(target.id)},
@@ -50,8 +55,13 @@ FanoutRow postOne(const InstanceInfo& target, const std::string& path, const JSO
   return out;
 }
 
-std::string printed(const JSON& value) {
-  return value.serialized(2) + "\n";
+// The value at indent 2 and a line feed, handed on in blocks: a large value is never held as
+// text whole.
+void print(const Context& ctx, const JSON& value) {
+  BlockWriter out(ctx.writeOut);
+  value.writeTo(out, 2, 0);
+  out.text() += '\n';
+  out.flush();
 }
 
 // One row of readEach's results at its place in the printed {"results": [...]}, the body written
@@ -122,17 +132,24 @@ void Instances::postEach(const std::vector<InstanceInfo>& targets, const std::st
 
   bool single = rows.size() == 1 && !json;
   if (single) {
+    // Printed where it stands (a conditional between it and a null would copy it).
+    const JSON null;
     const JSON* replyBody = rows[0].row.get("body");
-    ctx.writeOut(printed(replyBody ? *replyBody : JSON()));
+    print(ctx, replyBody ? *replyBody : null);
     if (rows[0].failed && rows[0].detail) {
       throw CliError{"vorn " + label + ": " + *rows[0].detail};
     }
   } else {
-    JSON::Array all;
-    all.reserve(rows.size());
-    for (const auto& row : rows)
-      all.push_back(row.row);
-    ctx.writeOut(printed(JSON::object({{"results", JSON(std::move(all))}})));
+    // {"results": [rows]}, each row written where it stands rather than copied into the value.
+    BlockWriter out(ctx.writeOut);
+    std::string& text = out.text();
+    text += rows.empty() ? "{\n  \"results\": []" : "{\n  \"results\": [";
+    for (size_t i = 0; i < rows.size(); ++i) {
+      text += i ? ",\n    " : "\n    ";
+      rows[i].row.writeTo(out, 2, 2);
+    }
+    text += rows.empty() ? "\n}\n" : "\n  ]\n}\n";
+    out.flush();
   }
 
   size_t failed = 0;
@@ -142,8 +159,9 @@ void Instances::postEach(const std::vector<InstanceInfo>& targets, const std::st
     ++failed;
     if (!single && row.detail) {
       const JSON* id = row.row.get("id");
-      const std::string* idText = id ? id->string() : nullptr;
-      details += "vorn " + label + " [" + (idText ? *idText : "?") + "]: " + *row.detail + "\n";
+      std::optional<std::string_view> idText = id ? id->string() : std::nullopt;
+      details += "vorn " + label + " [" + std::string(idText ? *idText : "?") +
+                 "]: " + *row.detail + "\n";
     }
   }
   if (failed == 0) return;

@@ -151,23 +151,25 @@ bool oldEnoughToPrune(int rootFd, const std::string& name) {
 
 std::optional<InstanceInfo> InstanceInfo::fromJSON(const JSON& json) {
   if (!json.members()) return std::nullopt;
-  auto text = [&json](std::string_view key) -> const std::string* {
+  auto text = [&json](std::string_view key) -> std::optional<std::string> {
     const JSON* value = json.get(key);
-    return value ? value->string() : nullptr;
+    std::optional<std::string_view> s = value ? value->string() : std::nullopt;
+    if (!s) return std::nullopt;
+    return std::string(*s);
   };
 
-  const std::string* id = text("id");
+  std::optional<std::string> id = text("id");
   const JSON* pidValue = json.get("pid");
   std::optional<int64_t> pid = pidValue ? pidValue->integer() : std::nullopt;
-  const std::string* socketPath = text("socketPath");
-  const std::string* workspace = text("workspace");
-  const std::string* workspaceName = text("workspaceName");
-  const std::string* vornRoot = text("vornRoot");
+  std::optional<std::string> socketPath = text("socketPath");
+  std::optional<std::string> workspace = text("workspace");
+  std::optional<std::string> workspaceName = text("workspaceName");
+  std::optional<std::string> vornRoot = text("vornRoot");
   if (!vornRoot) vornRoot = text("repoRoot");
   const JSON* startedValue = json.get("startedAt");
   std::optional<double> startedAt = startedValue ? startedValue->number() : std::nullopt;
-  const std::string* platform = text("platform");
-  const std::string* transport = text("transport");
+  std::optional<std::string> platform = text("platform");
+  std::optional<std::string> transport = text("transport");
 
   if (!id || !pid || !socketPath || !workspace || !workspaceName || !vornRoot || !startedAt ||
       !platform || !transport) {
@@ -186,7 +188,7 @@ std::optional<InstanceInfo> InstanceInfo::fromJSON(const JSON& json) {
   info.startedAt = *startedAt;
   info.transport = "af_unix";
   info.platform = *platform;
-  if (const std::string* mode = text("mode")) {
+  if (std::optional<std::string> mode = text("mode")) {
     if (*mode == "app" || *mode == "headless" || *mode == "remote") info.mode = *mode;
   }
   info.foreign = false;

@@ -92,7 +92,10 @@ std::optional<InstanceInfo> Instances::own() const {
   const JSON* pidValue = record.get("pid");
   std::optional<int64_t> pid = pidValue ? pidValue->integer() : std::nullopt;
   const JSON* sockValue = record.get("socketPath");
-  const std::string* sock = sockValue ? sockValue->string() : nullptr;
+  std::optional<std::string> sock;
+  if (std::optional<std::string_view> text = sockValue ? sockValue->string() : std::nullopt) {
+    sock = std::string(*text);
+  }
   if (!pid || !sock || sock->empty()) return std::nullopt;
 
   // Only a socket of our own runtime directory is trusted: exactly <root>/<digits>/fs.sock once

@@ -5,30 +5,16 @@
 #include <cmath>
 #include <cstring>
 
+#include "json/block_writer.h"
+#include "json/byte_scan.h"
 #include "json/decimal.h"
 
 namespace vorn {
 
 namespace {
 
-constexpr uint64_t kOnes = 0x0101010101010101ull;
-constexpr uint64_t kHighs = 0x8080808080808080ull;
-
-// Nonzero when some byte of w is zero.
-inline uint64_t hasZeroByte(uint64_t w) {
-  return (w - kOnes) & ~w & kHighs;
-}
-
-// Nonzero when some byte of w is below n (n <= 128).
-inline uint64_t hasByteBelow(uint64_t w, uint8_t n) {
-  return (w - kOnes * n) & ~w & kHighs;
-}
-
-inline uint64_t load8(const char* p) {
-  uint64_t w;
-  std::memcpy(&w, p, 8);
-  return w;
-}
+using ByteScan::kHighs;
+using ByteScan::load8;
 
 // The length of the well-formed UTF-8 sequence at p (1 to 4), or 0 when it is ill-formed; then
 // *bad is the length of its maximal ill-formed subpart (at least 1), which one U+FFFD replaces.
@@ -169,17 +155,137 @@ inline void pad(std::string& out, int indent, int depth) {
 
 }  // namespace
 
+JSON::JSON(bool b) noexcept {
+  bytes_[0] = b;
+  setTag(Tag::boolean);
+}
+
+JSON::JSON(double d) noexcept {
+  std::memcpy(bytes_, &d, sizeof d);
+  setTag(Tag::number);
+}
+
+JSON::JSON(std::string_view s) {
+  setString(s);
+}
+
+JSON::JSON(Array a) {
+  setPointer(a.empty() ? nullptr : new Array(std::move(a)));
+  setTag(Tag::array);
+}
+
+JSON::JSON(Object o) {
+  setPointer(o.empty() ? nullptr : new Object(std::move(o)));
+  setTag(Tag::object);
+}
+
+JSON::JSON(const JSON& other) {
+  copyFrom(other);
+}
+
+JSON::JSON(JSON&& other) noexcept {
+  std::memcpy(bytes_, other.bytes_, sizeof bytes_);
+  other.setTag(Tag::null);
+}
+
+JSON& JSON::operator=(const JSON& other) {
+  if (this != &other) {
+    JSON copy(other);
+    *this = std::move(copy);
+  }
+  return *this;
+}
+
+// The other value may stand inside this one: it is taken out before this one is released.
+JSON& JSON::operator=(JSON&& other) noexcept {
+  if (this != &other) {
+    unsigned char taken[sizeof bytes_];
+    std::memcpy(taken, other.bytes_, sizeof taken);
+    other.setTag(Tag::null);
+    if (ownsStorage()) release();
+    std::memcpy(bytes_, taken, sizeof bytes_);
+  }
+  return *this;
+}
+
+template <typename T>
+T* JSON::pointer() const {
+  T* p;
+  std::memcpy(&p, bytes_, sizeof p);
+  return p;
+}
+
+void JSON::setPointer(const void* p) {
+  std::memcpy(bytes_, &p, sizeof p);
+}
+
+// Up to 14 bytes stand in the value itself; a longer text gets storage of its exact length.
+void JSON::setString(std::string_view s) {
+  if (s.size() <= kShortString) {
+    std::memcpy(bytes_, s.data(), s.size());
+    bytes_[14] = static_cast<unsigned char>(s.size());
+    setTag(Tag::shortString);
+    return;
+  }
+  char* text = new char[s.size()];
+  std::memcpy(text, s.data(), s.size());
+  setPointer(text);
+  uint64_t size = s.size();  // below 2^48: no text this program holds comes near
+  std::memcpy(bytes_ + 8, &size, 6);
+  setTag(Tag::longString);
+}
+
+void JSON::release() noexcept {
+  switch (tag()) {
+    case Tag::longString:
+      delete[] pointer<char>();
+      break;
+    case Tag::array:
+      delete pointer<Array>();
+      break;
+    case Tag::object:
+      delete pointer<Object>();
+      break;
+    default:
+      break;
+  }
+  setTag(Tag::null);
+}
+
+void JSON::copyFrom(const JSON& other) {
+  switch (other.tag()) {
+    case Tag::longString:
+      setString(*other.string());
+      return;
+    case Tag::array: {
+      const Array* a = other.pointer<Array>();
+      setPointer(a ? new Array(*a) : nullptr);
+      setTag(Tag::array);
+      return;
+    }
+    case Tag::object: {
+      const Object* o = other.pointer<Object>();
+      setPointer(o ? new Object(*o) : nullptr);
+      setTag(Tag::object);
+      return;
+    }
+    default:
+      std::memcpy(bytes_, other.bytes_, sizeof bytes_);
+  }
+}
+
 JSON::Kind JSON::kind() const {
-  switch (v_.index()) {
-    case 1:
+  switch (tag()) {
+    case Tag::boolean:
       return Kind::boolean;
-    case 2:
+    case Tag::number:
       return Kind::number;
-    case 3:
+    case Tag::shortString:
+    case Tag::longString:
       return Kind::string;
-    case 4:
+    case Tag::array:
       return Kind::array;
-    case 5:
+    case Tag::object:
       return Kind::object;
     default:
       return Kind::null;
@@ -187,7 +293,7 @@ JSON::Kind JSON::kind() const {
 }
 
 const JSON* JSON::get(std::string_view key) const {
-  const Object* o = std::get_if<Object>(&v_);
+  const Object* o = members();
   if (!o) return nullptr;
   for (auto it = o->rbegin(); it != o->rend(); ++it) {
     if (it->first == key) return &it->second;
@@ -195,51 +301,68 @@ const JSON* JSON::get(std::string_view key) const {
   return nullptr;
 }
 
+namespace {
+const JSON::Array kEmptyArray;
+const JSON::Object kEmptyObject;
+}  // namespace
+
 const JSON::Array& JSON::list() const {
-  static const Array kEmpty;
-  const Array* a = std::get_if<Array>(&v_);
-  return a ? *a : kEmpty;
+  if (tag() != Tag::array) return kEmptyArray;
+  const Array* a = pointer<Array>();
+  return a ? *a : kEmptyArray;
 }
 
 bool JSON::isTrue() const {
-  const bool* b = std::get_if<bool>(&v_);
-  return b && *b;
+  return tag() == Tag::boolean && bytes_[0];
 }
 
 std::optional<std::string> JSON::error() const {
   const JSON* e = get("error");
   if (!e) return std::nullopt;
-  const std::string* s = e->string();
+  std::optional<std::string_view> s = e->string();
   if (!s) return std::nullopt;
-  return *s;
+  return std::string(*s);
 }
 
 std::optional<double> JSON::number() const {
-  const double* d = std::get_if<double>(&v_);
-  if (!d) return std::nullopt;
-  return *d;
+  if (tag() != Tag::number) return std::nullopt;
+  double d;
+  std::memcpy(&d, bytes_, sizeof d);
+  return d;
 }
 
 std::optional<int64_t> JSON::integer() const {
-  const double* d = std::get_if<double>(&v_);
+  std::optional<double> d = number();
   if (!d || !(std::fabs(*d) < 9e15) || std::trunc(*d) != *d) return std::nullopt;
   return static_cast<int64_t>(*d);
 }
 
-const std::string* JSON::string() const {
-  return std::get_if<std::string>(&v_);
+std::optional<std::string_view> JSON::string() const {
+  if (tag() == Tag::shortString) {
+    return std::string_view(reinterpret_cast<const char*>(bytes_), bytes_[14]);
+  }
+  if (tag() != Tag::longString) return std::nullopt;
+  uint64_t size = 0;
+  std::memcpy(&size, bytes_ + 8, 6);
+  return std::string_view(pointer<char>(), static_cast<size_t>(size));
 }
 
 const JSON::Object* JSON::members() const {
-  return std::get_if<Object>(&v_);
+  if (tag() != Tag::object) return nullptr;
+  const Object* o = pointer<Object>();
+  return o ? o : &kEmptyObject;
 }
 
 JSON::Array* JSON::mutableArray() {
-  return std::get_if<Array>(&v_);
+  if (tag() != Tag::array) return nullptr;
+  if (!pointer<Array>()) setPointer(new Array);
+  return pointer<Array>();
 }
 
 JSON::Object* JSON::mutableObject() {
-  return std::get_if<Object>(&v_);
+  if (tag() != Tag::object) return nullptr;
+  if (!pointer<Object>()) setPointer(new Object);
+  return pointer<Object>();
 }
 
 // Without prepend the given values win and replace the first pair of their key in place; with
@@ -289,25 +412,34 @@ std::string JSON::serialized(int indent) const {
 }
 
 void JSON::write(std::string& out, int indent, int depth) const {
-  switch (v_.index()) {
-    case 0:
+  writeValue(out, indent, depth, nullptr);
+}
+
+void JSON::writeTo(BlockWriter& out, int indent, int depth) const {
+  writeValue(out.text(), indent, depth, &out);
+}
+
+void JSON::writeValue(std::string& out, int indent, int depth, BlockWriter* blocks) const {
+  switch (tag()) {
+    case Tag::null:
       out.append("null", 4);
       return;
-    case 1:
-      if (std::get<bool>(v_)) {
+    case Tag::boolean:
+      if (bytes_[0]) {
         out.append("true", 4);
       } else {
         out.append("false", 5);
       }
       return;
-    case 2:
-      appendNumber(out, std::get<double>(v_));
+    case Tag::number:
+      appendNumber(out, *number());
       return;
-    case 3:
-      appendQuoted(out, std::get<std::string>(v_));
+    case Tag::shortString:
+    case Tag::longString:
+      appendQuoted(out, *string());
       return;
-    case 4: {
-      const Array& a = std::get<Array>(v_);
+    case Tag::array: {
+      const Array& a = list();
       if (a.empty()) {
         out.append("[]", 2);
         return;
@@ -315,17 +447,18 @@ void JSON::write(std::string& out, int indent, int depth) const {
       out.push_back('[');
       bool first = true;
       for (const JSON& element : a) {
+        if (blocks) blocks->flushIfFull();
         if (!first) out.push_back(',');
         first = false;
         pad(out, indent, depth + 1);
-        element.write(out, indent, depth + 1);
+        element.writeValue(out, indent, depth + 1, blocks);
       }
       pad(out, indent, depth);
       out.push_back(']');
       return;
     }
-    case 5: {
-      const Object& o = std::get<Object>(v_);
+    case Tag::object: {
+      const Object& o = *members();
       if (o.empty()) {
         out.append("{}", 2);
         return;
@@ -333,6 +466,7 @@ void JSON::write(std::string& out, int indent, int depth) const {
       out.push_back('{');
       bool first = true;
       for (const auto& [key, value] : o) {
+        if (blocks) blocks->flushIfFull();
         if (!first) out.push_back(',');
         first = false;
         pad(out, indent, depth + 1);
@@ -342,7 +476,7 @@ void JSON::write(std::string& out, int indent, int depth) const {
         } else {
           out.push_back(':');
         }
-        value.write(out, indent, depth + 1);
+        value.writeValue(out, indent, depth + 1, blocks);
       }
       pad(out, indent, depth);
       out.push_back('}');
@@ -369,16 +503,10 @@ void JSON::appendQuoted(std::string& out, std::string_view s) {
   out.push_back('"');
   const char* run = p;
   while (p < end) {
-    if (end - p >= 8) {
-      uint64_t w = load8(p);
-      if (!((hasByteBelow(w, 0x20) | hasZeroByte(w ^ (kOnes * '"')) |
-             hasZeroByte(w ^ (kOnes * '\\'))) &
-            kHighs)) {
-        high |= w;
-        p += 8;
-        continue;
-      }
-    }
+    bool highSeen = false;
+    p = ByteScan::skipVerbatim(p, end, &highSeen);
+    if (highSeen) high |= 0x80;
+    if (p == end) break;
     auto c = static_cast<unsigned char>(*p);
     if (kEscape.needs[c]) {
       out.append(run, p - run);
@@ -432,7 +560,21 @@ void JSON::appendNumber(std::string& out, double v) {
 }
 
 bool operator==(const JSON& a, const JSON& b) {
-  return a.v_ == b.v_;
+  if (a.kind() != b.kind()) return false;
+  switch (a.kind()) {
+    case JSON::Kind::boolean:
+      return a.isTrue() == b.isTrue();
+    case JSON::Kind::number:
+      return *a.number() == *b.number();
+    case JSON::Kind::string:
+      return *a.string() == *b.string();
+    case JSON::Kind::array:
+      return a.list() == b.list();
+    case JSON::Kind::object:
+      return *a.members() == *b.members();
+    default:
+      return true;
+  }
 }
 
 bool isValidUTF8(std::string_view bytes) {

@@ -7,7 +7,6 @@
 #include <string_view>
 #include <type_traits>
 #include <utility>
-#include <variant>
 #include <vector>
 
 namespace vorn {
@@ -21,6 +20,10 @@ struct JSONParseError {
 };
 
 // An order-preserving JSON value: objects are lists of pairs, duplicates kept.
+//
+// A value takes 16 bytes: a tag, and a bool, a double, a string of up to 14 bytes, or a pointer
+// to the storage of a longer string, an array or an object. So a parsed reply takes a small
+// multiple of its text even when it is a long array of one-digit numbers.
 class JSON {
  public:
   enum class Kind { boolean, number, string, array, object, null };
@@ -28,24 +31,32 @@ class JSON {
   using Member = std::pair<std::string, JSON>;
   using Object = std::vector<Member>;
 
-  JSON() = default;  // null
-  JSON(std::nullptr_t) {}
-  JSON(bool b) : v_(b) {}
-  JSON(double d) : v_(d) {}
+  JSON() noexcept { setTag(Tag::null); }
+  JSON(std::nullptr_t) noexcept : JSON() {}
+  JSON(bool b) noexcept;
+  JSON(double d) noexcept;
   template <typename T,
             std::enable_if_t<std::is_integral_v<T> && !std::is_same_v<T, bool>, int> = 0>
-  JSON(T i) : v_(static_cast<double>(i)) {}
-  JSON(std::string s) : v_(std::move(s)) {}
-  JSON(std::string_view s) : v_(std::string(s)) {}
-  JSON(const char* s) : v_(std::string(s)) {}
-  JSON(Array a) : v_(std::move(a)) {}
-  JSON(Object o) : v_(std::move(o)) {}
+  JSON(T i) noexcept : JSON(static_cast<double>(i)) {}
+  JSON(std::string_view s);
+  JSON(const std::string& s) : JSON(std::string_view(s)) {}
+  JSON(const char* s) : JSON(std::string_view(s)) {}
+  JSON(Array a);
+  JSON(Object o);
+
+  JSON(const JSON& other);
+  JSON(JSON&& other) noexcept;
+  JSON& operator=(const JSON& other);
+  JSON& operator=(JSON&& other) noexcept;
+  ~JSON() {
+    if (ownsStorage()) release();
+  }
 
   static JSON array(Array a = {}) { return JSON(std::move(a)); }
   static JSON object(Object o = {}) { return JSON(std::move(o)); }
 
   Kind kind() const;
-  bool isNull() const { return kind() == Kind::null; }
+  bool isNull() const { return tag() == Tag::null; }
 
   // Accessors never fail: a wrong case gives the absent answer.
   const JSON* get(std::string_view key) const;  // last matching pair, or nullptr
@@ -53,9 +64,9 @@ class JSON {
   bool isTrue() const;                          // only bool true
   std::optional<std::string> error() const;     // last "error" pair, when a string
   std::optional<double> number() const;
-  std::optional<int64_t> integer() const;  // integral and |v| < 9e15
-  const std::string* string() const;       // the text, or nullptr
-  const Object* members() const;           // the pairs, or nullptr
+  std::optional<int64_t> integer() const;               // integral and |v| < 9e15
+  std::optional<std::string_view> string() const;       // the text, or none
+  const Object* members() const;                        // the pairs, or nullptr
 
   // Mutable access for building values in place; nullptr unless the value is of that case.
   Array* mutableArray();
@@ -66,6 +77,8 @@ class JSON {
 
   std::string serialized(int indent) const;
   void write(std::string& out, int indent, int depth) const;
+  // The same text, handed on a block at a time (for printing large values).
+  void writeTo(BlockWriter& out, int indent, int depth) const;
 
   static std::string quote(std::string_view s);
   static void appendQuoted(std::string& out, std::string_view s);
@@ -83,10 +96,30 @@ class JSON {
   static void reformatTo(std::string_view text, int indent, int depth, BlockWriter& out);
 
   friend bool operator==(const JSON& a, const JSON& b);
+  friend class TreeSink;
 
  private:
-  std::variant<std::nullptr_t, bool, double, std::string, Array, Object> v_;
+  // The layout of the 16 bytes: the payload in bytes 0 to 7 (or a short string's text in bytes
+  // 0 to 13), a long string's length in bytes 8 to 13, a short string's length in byte 14 and
+  // the tag in byte 15. An empty array or object holds no storage (a null pointer).
+  enum class Tag : uint8_t { null, boolean, number, shortString, longString, array, object };
+  static constexpr size_t kShortString = 14;
+
+  Tag tag() const { return static_cast<Tag>(bytes_[15]); }
+  bool ownsStorage() const { return tag() >= Tag::longString; }
+  void setTag(Tag t) { bytes_[15] = static_cast<unsigned char>(t); }
+  template <typename T>
+  T* pointer() const;
+  void setPointer(const void* p);
+  void setString(std::string_view s);
+  void release() noexcept;
+  void copyFrom(const JSON& other);
+  void writeValue(std::string& out, int indent, int depth, BlockWriter* blocks) const;
+
+  alignas(8) unsigned char bytes_[16];
 };
+
+static_assert(sizeof(JSON) == 16, "a JSON value takes 16 bytes");
 
 bool operator==(const JSON& a, const JSON& b);
 

@@ -92,9 +92,9 @@ TEST(JSONValue, OtherAccessorsAnswerAbsentForTheWrongCase) {
   EXPECT_EQ(JSON("5").number(), std::nullopt);
   EXPECT_EQ(JSON(true).number(), std::nullopt);
   EXPECT_EQ(JSON(2.5).number(), 2.5);
-  EXPECT_EQ(JSON(5).string(), nullptr);
-  EXPECT_EQ(JSON().string(), nullptr);
-  ASSERT_NE(JSON("hi").string(), nullptr);
+  EXPECT_EQ(JSON(5).string(), std::nullopt);
+  EXPECT_EQ(JSON().string(), std::nullopt);
+  ASSERT_NE(JSON("hi").string(), std::nullopt);
   EXPECT_EQ(*JSON("hi").string(), "hi");
   EXPECT_EQ(arr({}).members(), nullptr);
   ASSERT_NE(obj({{"k", 1}}).members(), nullptr);

@@ -110,10 +110,14 @@ class WriterSink {
 
 }  // namespace
 
+// Read twice: once to check the text and count the entries of each container, once to build
+// the value with every container at its exact size.
 JSON JSON::parse(std::string_view text) {
-  TreeSink sink;
-  readJSON(text, sink);
-  return sink.result();
+  SizeSink sizes;
+  readJSON(text, sizes);
+  TreeSink tree(sizes.take());
+  readJSON(text, tree);
+  return tree.result();
 }
 
 std::string JSON::reformat(std::string_view text, int indent) {

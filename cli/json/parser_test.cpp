@@ -15,8 +15,8 @@ namespace {
 
 std::string str(std::string_view text) {
   JSON v = JSON::parse(text);
-  EXPECT_NE(v.string(), nullptr) << text;
-  return v.string() ? *v.string() : std::string();
+  EXPECT_NE(v.string(), std::nullopt) << text;
+  return v.string() ? std::string(*v.string()) : std::string();
 }
 
 TEST(JSONParse, EmptyAndBlankInput) {

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "json/byte_scan.h"
 #include "json/decimal.h"
 #include "json/json.h"
 
@@ -204,15 +205,9 @@ class JSONReader {
     uint64_t high = 0;
     for (;;) {
       const char* run = p_;
-      while (end_ - p_ >= 8) {
-        uint64_t w;
-        std::memcpy(&w, p_, 8);
-        if (JSONDetail::hasZeroByte(w ^ (JSONDetail::kOnes * '"')) |
-            JSONDetail::hasZeroByte(w ^ (JSONDetail::kOnes * '\\')))
-          break;
-        high |= w;
-        p_ += 8;
-      }
+      bool highSeen = false;
+      p_ = ByteScan::skipUnquoted(p_, end_, &highSeen);
+      if (highSeen) high |= 0x80;
       while (p_ < end_ && *p_ != '"' && *p_ != '\\') {
         high |= static_cast<unsigned char>(*p_);
         ++p_;
@@ -293,26 +288,30 @@ class JSONReader {
   // infinity (printed as null) or zero.
   double number() {
     const char* start = p_;
+    // Plain integers of up to 18 digits, read as they are scanned: exact in 64 bits, and one
+    // conversion to double rounds them correctly.
+    {
+      bool negative = *start == '-';
+      const char* d = start + negative;
+      const char* q = d;
+      uint64_t u = 0;
+      while (q < end_ && static_cast<unsigned char>(*q - '0') < 10 && q - d < 19) {
+        u = u * 10 + static_cast<uint64_t>(*q - '0');
+        ++q;
+      }
+      if (q > d && q - d <= 18 &&
+          (q == end_ || !JSONDetail::kClass.number[static_cast<unsigned char>(*q)])) {
+        p_ = q;
+        double v = static_cast<double>(u);
+        return negative ? -v : v;
+      }
+    }
+
     while (p_ < end_ && JSONDetail::kClass.number[static_cast<unsigned char>(*p_)])
       ++p_;
     const char* first = start;
     const char* last = p_;
     if (first == last) fail("bad number");
-
-    // Plain integers of up to 18 digits: exact in 64 bits, and one conversion to double rounds
-    // them correctly.
-    bool negative = *first == '-';
-    const char* d = first + negative;
-    if (d < last && last - d <= 18) {
-      uint64_t u = 0;
-      const char* q = d;
-      for (; q < last && *q >= '0' && *q <= '9'; ++q)
-        u = u * 10 + static_cast<uint64_t>(*q - '0');
-      if (q == last) {
-        double v = static_cast<double>(u);
-        return negative ? -v : v;
-      }
-    }
 
     if (*first == '+') {
       ++first;
@@ -330,51 +329,113 @@ class JSONReader {
   std::string scratch_;
 };
 
-// Builds the value. Finished values wait on one stack shared by all levels until their
-// container closes, and are then moved into a container of the exact size: one allocation per
-// container instead of one per growth step.
+// Counts the entries of every container, in the order in which the containers open, so that
+// TreeSink can give each one storage of its exact size before reading it.
+class SizeSink {
+ public:
+  static constexpr bool keepsText = false;
+  void null() { entry(); }
+  void boolean(bool) { entry(); }
+  void number(double) { entry(); }
+  void string(std::string&) { entry(); }
+  void key(std::string&) {}
+  void beginArray() { open(); }
+  void beginObject() { open(); }
+  void endArray() { open_.pop_back(); }
+  void endObject() { open_.pop_back(); }
+
+  std::vector<uint32_t> take() { return std::move(sizes_); }
+
+ private:
+  void entry() {
+    // A size is only a hint for the storage to set aside: past 2^32 - 1 it stops counting.
+    if (!open_.empty() && sizes_[open_.back()] != UINT32_MAX) ++sizes_[open_.back()];
+  }
+  void open() {
+    entry();
+    open_.push_back(sizes_.size());
+    sizes_.push_back(0);
+  }
+
+  std::vector<uint32_t> sizes_;
+  std::vector<size_t> open_;
+};
+
+// Builds the value, each entry in its place in its container. With the sizes that SizeSink
+// counted, every container is allocated once at its exact size, so a parsed reply holds no
+// spare room and is never copied; without them the containers grow as they are filled.
 class TreeSink {
  public:
-  void null() { values_.emplace_back(); }
-  void boolean(bool b) { values_.emplace_back(b); }
-  void number(double v) { values_.emplace_back(v); }
-  void string(std::string& s) { values_.emplace_back(std::move(s)); }
-  void key(std::string& k) { keys_.push_back(std::move(k)); }
-  void beginArray() { frames_.push_back({values_.size(), keys_.size()}); }
-  void beginObject() { frames_.push_back({values_.size(), keys_.size()}); }
+  TreeSink() = default;
+  explicit TreeSink(std::vector<uint32_t> sizes) : sizes_(std::move(sizes)) {}
 
+  void null() { put(nullptr); }
+  void boolean(bool b) { put(b); }
+  void number(double v) { put(v); }
+  void string(std::string& s) { put(std::string_view(s)); }
+  void key(std::string& k) { frames_.back().object->emplace_back(std::move(k), JSON()); }
+
+  void beginArray() {
+    auto* array = new JSON::Array;
+    array->reserve(nextSize());
+    JSON value = JSON::array();
+    value.setPointer(array);
+    put(std::move(value));
+    frames_.push_back({array, nullptr});
+  }
+  void beginObject() {
+    auto* object = new JSON::Object;
+    object->reserve(nextSize());
+    JSON value = JSON::object();
+    value.setPointer(object);
+    put(std::move(value));
+    frames_.push_back({nullptr, object});
+  }
+  // An empty container gives its storage back: an empty value holds none.
   void endArray() {
-    Frame f = frames_.back();
+    JSON::Array* array = frames_.back().array;
     frames_.pop_back();
-    JSON::Array array(std::make_move_iterator(values_.begin() + f.values),
-                      std::make_move_iterator(values_.end()));
-    values_.resize(f.values);
-    values_.emplace_back(std::move(array));
+    if (array->empty()) last() = JSON::array();
   }
-
   void endObject() {
-    Frame f = frames_.back();
+    JSON::Object* object = frames_.back().object;
     frames_.pop_back();
-    JSON::Object object;
-    object.reserve(values_.size() - f.values);
-    for (size_t i = f.values, k = f.keys; i < values_.size(); ++i, ++k) {
-      object.emplace_back(std::move(keys_[k]), std::move(values_[i]));
-    }
-    values_.resize(f.values);
-    keys_.resize(f.keys);
-    values_.emplace_back(std::move(object));
+    if (object->empty()) last() = JSON::object();
   }
 
-  JSON result() { return std::move(values_.back()); }
+  JSON result() { return std::move(root_); }
 
  private:
   struct Frame {
-    size_t values;
-    size_t keys;
+    JSON::Array* array;    // the open array, or
+    JSON::Object* object;  // the open object, whose last pair waits for its value
   };
-  std::vector<JSON> values_;
-  std::vector<std::string> keys_;
+
+  size_t nextSize() { return next_ < sizes_.size() ? sizes_[next_++] : 0; }
+
+  // Builds the value where it belongs.
+  template <typename T>
+  void put(T&& value) {
+    if (frames_.empty()) {
+      root_ = JSON(std::forward<T>(value));
+    } else if (JSON::Array* array = frames_.back().array) {
+      array->emplace_back(std::forward<T>(value));
+    } else {
+      frames_.back().object->back().second = JSON(std::forward<T>(value));
+    }
+  }
+
+  // The value put last into the innermost open container: the one that has just closed.
+  JSON& last() {
+    if (frames_.empty()) return root_;
+    if (JSON::Array* array = frames_.back().array) return array->back();
+    return frames_.back().object->back().second;
+  }
+
+  std::vector<uint32_t> sizes_;
+  size_t next_ = 0;
   std::vector<Frame> frames_;
+  JSON root_;
 };
 
 // Hears every value and keeps nothing: reading with it checks that the text parses.

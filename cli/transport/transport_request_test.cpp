@@ -83,7 +83,7 @@ TEST(TransportRequest, LargeReplyArrivesWhole) {
   server.serve(TestServer::Mode::reply, "HTTP/1.1 200 OK\r\nContent-Length: " +
                                             std::to_string(size + 2) + "\r\n\r\n\"" + text + "\"");
   Reply r = Transport::request(server.path(), "GET", "/tree");
-  ASSERT_NE(r.body.string(), nullptr);
+  ASSERT_NE(r.body.string(), std::nullopt);
   EXPECT_EQ(*r.body.string(), text);
 }
 

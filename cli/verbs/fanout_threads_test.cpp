@@ -177,10 +177,10 @@ TEST_F(FanoutThreadsTest, InspectAsksEveryInstanceEverythingAtOnce) {
   std::vector<size_t> order = inPidOrder();
   for (size_t n = 0; n < count; ++n) {
     const JSON& entry = entries.list()[n];
-    const std::string& id = *entry.get("id")->string();
+    const std::string id(*entry.get("id")->string());
     EXPECT_EQ(id, "i" + std::to_string(order[n]));
     Kind kind = kindOf(order[n]);
-    const std::string& sock = *entry.get("sock")->string();
+    const std::string sock(*entry.get("sock")->string());
     if (fails(kind)) {
       EXPECT_EQ(entry.get("health")->error(), errorOf(kind, sock)) << id;
       EXPECT_EQ(entry.get("language")->error(), errorOf(kind, sock)) << id;

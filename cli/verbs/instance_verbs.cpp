@@ -69,7 +69,7 @@ JSON diagnosticsSummary(const JSON& reply) {
   for (const JSON& entry : entries) {
     const JSON* source = entry.get("source");
     if (!source || !source->string()) continue;
-    const std::string& name = *source->string();
+    std::string_view name = *source->string();
     bool found = false;
     for (auto& [key, count] : bySource) {
       if (key == name) {
@@ -200,19 +200,21 @@ std::vector<InstanceInfo> inspectTargets(const std::vector<InstanceInfo>& live,
 JSON inspectEntry(const InstanceInfo& instance, double nowMs, JSON health, JSON workspace,
                   JSON language, const JSON& diagnostics) {
   std::optional<std::string> started = isoTimestamp(instance.startedAt);
-  return JSON::object({
-      {"id", JSON(instance.id)},
-      {"pid", JSON(instance.pid)},
-      {"sock", JSON(instance.socketPath)},
-      {"startedAt", started ? JSON(*started) : JSON()},
-      {"uptimeMs", JSON(nowMs - instance.startedAt)},
-      {"vornRoot", JSON(instance.vornRoot)},
-      {"platform", JSON(instance.platform)},
-      {"health", std::move(health)},
-      {"workspace", std::move(workspace)},
-      {"language", std::move(language)},
-      {"diagnostics", diagnosticsSummary(diagnostics)},
-  });
+  // Built pair by pair so that the replies move in: a list written in braces would copy them.
+  JSON::Object entry;
+  entry.reserve(11);
+  entry.emplace_back("id", JSON(instance.id));
+  entry.emplace_back("pid", JSON(instance.pid));
+  entry.emplace_back("sock", JSON(instance.socketPath));
+  entry.emplace_back("startedAt", started ? JSON(*started) : JSON());
+  entry.emplace_back("uptimeMs", JSON(nowMs - instance.startedAt));
+  entry.emplace_back("vornRoot", JSON(instance.vornRoot));
+  entry.emplace_back("platform", JSON(instance.platform));
+  entry.emplace_back("health", std::move(health));
+  entry.emplace_back("workspace", std::move(workspace));
+  entry.emplace_back("language", std::move(language));
+  entry.emplace_back("diagnostics", diagnosticsSummary(diagnostics));
+  return JSON(std::move(entry));
 }
 
 }  // namespace InstanceVerbs
@@ -287,13 +289,17 @@ void inspect(const Flags& flags, Instances& instances) {
     entries.push_back(
         inspectEntry(targets[t], now, std::move(r[0]), std::move(r[1]), std::move(r[2]), r[3]));
   }
-  instances.ctx.writeOut(JSON(std::move(entries)).serialized(2) + "\n");
+  // Printed in blocks as it is written: the text of a large reply is never held whole.
+  BlockWriter out(instances.ctx.writeOut);
+  JSON(std::move(entries)).writeTo(out, 2, 0);
+  out.text() += '\n';
+  out.flush();
 }
 
 // The reply's "error" string, or the fallback.
 std::string replyError(const Reply& reply, const std::string& fallback) {
   if (const JSON* error = reply.body.get("error"); error && error->string()) {
-    return *error->string();
+    return std::string(*error->string());
   }
   return fallback;
 }

@@ -6,7 +6,7 @@ namespace vorn {
 // (up to 1e21, beyond which a script runtime also switches to exponent form).
 std::string renderValue(const JSON* value) {
   if (!value) return "undefined";
-  if (const std::string* text = value->string()) return *text;
+  if (std::optional<std::string_view> text = value->string()) return std::string(*text);
   return value->serialized(0);
 }
 

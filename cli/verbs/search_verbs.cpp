@@ -277,8 +277,9 @@ void searchRun(const Flags& flags, Instances& instances) {
   }
 
   if (!ok) {
-    const std::string* error = listing.error ? listing.error->string() : nullptr;
-    throw CliError{"vorn search run: " + (error ? *error : std::to_string(reply.status))};
+    std::optional<std::string_view> error = listing.error ? listing.error->string() : std::nullopt;
+    throw CliError{"vorn search run: " +
+                   (error ? std::string(*error) : std::to_string(reply.status))};
   }
   // Nothing matched: the exit status says so, without further text.
   std::optional<double> count = listing.matchCount ? listing.matchCount->number() : std::nullopt;

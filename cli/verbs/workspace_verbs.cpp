@@ -157,8 +157,9 @@ void openOn(const Instances& instances, const InstanceInfo& instance, const std:
     } catch (const TransportError&) {
     }
     const JSON* root = reply.body.get("root");
-    const std::string& shown = root && root->string() ? *root->string() : dir;
-    instances.ctx.writeOut(visibleControls("Opened " + shown + " on instance " + instance.id + "\n"));
+    const std::string shown = root && root->string() ? std::string(*root->string()) : dir;
+    instances.ctx.writeOut(visibleControls("Opened " + shown + " on instance " + instance.id + "
+"));
     return;
   }
 
