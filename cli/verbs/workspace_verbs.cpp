@@ -158,8 +158,7 @@ void openOn(const Instances& instances, const InstanceInfo& instance, const std:
     }
     const JSON* root = reply.body.get("root");
     const std::string shown = root && root->string() ? std::string(*root->string()) : dir;
-    instances.ctx.writeOut(visibleControls("Opened " + shown + " on instance " + instance.id + "
-"));
+    instances.ctx.writeOut(visibleControls("Opened " + shown + " on instance " + instance.id + "\n"));
     return;
   }
 
