@@ -44,8 +44,7 @@ GTEST_SOURCE ?= /usr/src/googletest
 $(LIBCXX_BUILD)/build.ninja:
 	cmake -S . -B $(LIBCXX_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release \
 	  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_CXX_FLAGS=-stdlib=libc++ \
-	  -DVORN_GTEST_SOURCE=$(GTEST_SOURCE) -DVORN_SANITIZED_TESTS=OFF \
-	  -DCMAKE_UNITY_BUILD=ON -DCMAKE_UNITY_BUILD_BATCH_SIZE=16
+	  -DVORN_GTEST_SOURCE=$(GTEST_SOURCE) -DVORN_SANITIZED_TESTS=OFF
 
 libcxx-test: tests/node_modules/.installed
 ifeq ($(SYSTEM),Darwin)
