@@ -27,10 +27,11 @@ if(VORN_ZIG_TARGET MATCHES "-macos")
 else()
   set(CMAKE_SYSTEM_NAME Linux)
   set(CMAKE_SYSTEM_PROCESSOR ${VORN_ZIG_ARCH})
-  # Zig builds the static C and C++ libraries with debug information (and the paths of its
-  # cache); a release binary keeps none of it.
-  set(CMAKE_EXE_LINKER_FLAGS_INIT "-s")
 endif()
+# No symbol table: Zig builds the static C and C++ libraries with debug information (and the
+# paths of its cache), and a Mach-O symbol table keeps the path and time of every object file;
+# without them the same commit links the same bytes wherever and whenever it is built.
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-s")
 
 set(VORN_ZIG_WRAPPERS ${CMAKE_CURRENT_LIST_DIR}/zig)
 set(CMAKE_C_COMPILER ${VORN_ZIG_WRAPPERS}/zig-cc)
