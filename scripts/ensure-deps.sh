@@ -2,6 +2,7 @@
 # Installs the system packages the build and tests need, when they are missing: Debian's on
 # Linux, Homebrew's formulae on macOS. Idempotent: a machine that has everything is left alone.
 set -euo pipefail
+. "$(dirname "$0")/install-missing.sh"
 
 missing=()
 need() { command -v "$1" >/dev/null 2>&1 || missing+=("$2"); }
@@ -61,14 +62,4 @@ compgen -G "/usr/lib/llvm-*/bin/llvm-otool" >/dev/null || missing+=(llvm)
 need qemu-aarch64-static qemu-user-static
 need file file
 
-if [ ${#missing[@]} -gt 0 ]; then
-  if ! command -v apt-get >/dev/null 2>&1; then
-    echo "missing: ${missing[*]} (install them with your package manager)" >&2
-    exit 1
-  fi
-  sudo=""
-  [ "$(id -u)" = 0 ] || sudo="sudo"
-  echo "installing: ${missing[*]}"
-  $sudo apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}"
-fi
+install_missing ${missing[@]+"${missing[@]}"}
