@@ -6,6 +6,7 @@
 #include <random>
 #include <string>
 
+#include "bench_main.h"
 #include "json/block_writer.h"
 #include "json/json.h"
 
@@ -152,20 +153,4 @@ BENCHMARK(BM_PrintInBlocks)->Unit(benchmark::kMillisecond)->MinTime(2.0);
 
 }  // namespace
 
-// The compiler joins the machine description that the benchmark library records.
-#if defined(__clang__)
-#define VORN_COMPILER "clang " __clang_version__
-#elif defined(__GNUC__)
-#define VORN_COMPILER "g++ " __VERSION__
-#else
-#define VORN_COMPILER "unknown"
-#endif
-
-int main(int argc, char** argv) {
-  benchmark::AddCustomContext("compiler", VORN_COMPILER);
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
-}
+int main(int argc, char** argv) { return vorn::runBenchmarks(argc, argv); }

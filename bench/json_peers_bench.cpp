@@ -28,6 +28,7 @@
 #include <rapidjson/writer.h>
 #include <simdjson.h>
 
+#include "bench_main.h"
 #include "json/json.h"
 
 namespace {
@@ -348,20 +349,4 @@ void registerAll() {
 
 }  // namespace
 
-#if defined(__clang__)
-#define VORN_COMPILER "clang " __clang_version__
-#elif defined(__GNUC__)
-#define VORN_COMPILER "g++ " __VERSION__
-#else
-#define VORN_COMPILER "unknown"
-#endif
-
-int main(int argc, char** argv) {
-  benchmark::AddCustomContext("compiler", VORN_COMPILER);
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  registerAll();
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
-}
+int main(int argc, char** argv) { return vorn::runBenchmarks(argc, argv, registerAll); }
