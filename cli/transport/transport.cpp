@@ -101,10 +101,12 @@ void connectUnix(int fd, const std::string& sock, const Deadline& deadline) {
 void believeServer(int fd, const std::string& sock, std::optional<pid_t> serverPid) {
   uid_t self = Trust::self();
   struct stat st;
-  if (::stat(sock.c_str(), &st) == 0 && !Trust::trustedOwner(st.st_uid, self)) {
+  if (::stat(sock.c_str(), &st) == 0) {
     // Whoever bound the socket owns its file: the server is theirs.
-    throw TransportError{"connect " + sock + ": the server belongs to uid " +
-                         std::to_string(st.st_uid) + ", not you"};
+    PeerCredentials binder{st.st_uid, std::nullopt};
+    if (std::optional<std::string> error = Peer::strangerError(sock, binder, self)) {
+      throw TransportError{*error};
+    }
   }
   std::optional<PeerCredentials> peer = Peer::credentials(fd);
   if (std::optional<std::string> error = Peer::strangerError(sock, peer, self)) {
