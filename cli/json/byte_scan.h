@@ -1,6 +1,6 @@
-// Finding the bytes that end a run of plain string text, sixteen at a time where the processor
-// has SSE2 (every x86-64), eight at a time in portable code elsewhere (arm64 among them). Both
-// give the same answers; only the speed differs.
+// Finding the bytes that end a run of plain string text, or of ASCII, sixteen at a time where the
+// processor has SSE2 (every x86-64), eight at a time in portable code elsewhere (arm64 among
+// them). Both give the same answers; only the speed differs.
 #pragma once
 
 #include <bit>
@@ -33,31 +33,23 @@ inline uint64_t load8(const char* p) {
   return w;
 }
 
-// Skips from p towards end over bytes that are neither a quote nor a backslash (the plain text
-// of a string being read), stopping at the first such byte or where fewer than a block's bytes
-// remain; sets *high when a byte skipped has its high bit set.
-inline const char* skipUnquoted(const char* p, const char* end, bool* high) {
+// Skips from p towards end over ASCII bytes, stopping at the first byte with its high bit set or
+// where fewer than a block's bytes remain.
+inline const char* skipASCII(const char* p, const char* end) {
 #if defined(__SSE2__)
-  const __m128i quote = _mm_set1_epi8('"');
-  const __m128i backslash = _mm_set1_epi8('\\');
   while (end - p >= 16) {
     __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-    unsigned stops = static_cast<unsigned>(
-        _mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(v, quote), _mm_cmpeq_epi8(v, backslash))));
     unsigned highs = static_cast<unsigned>(_mm_movemask_epi8(v));
-    if (stops) {
-      unsigned before = (stops & -stops) - 1;  // the bytes ahead of the first stop
-      if (highs & before) *high = true;
-      return p + std::countr_zero(stops);
-    }
-    if (highs) *high = true;
+    if (highs) return p + std::countr_zero(highs);
     p += 16;
   }
 #endif
   while (end - p >= 8) {
-    uint64_t w = load8(p);
-    if (hasZeroByte(w ^ (kOnes * '"')) | hasZeroByte(w ^ (kOnes * '\\'))) break;
-    if (w & kHighs) *high = true;
+    uint64_t w = load8(p) & kHighs;
+    if (w) {
+      int bit = std::endian::native == std::endian::little ? std::countr_zero(w) : std::countl_zero(w);
+      return p + bit / 8;
+    }
     p += 8;
   }
   return p;

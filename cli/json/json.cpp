@@ -13,9 +13,6 @@ namespace vorn {
 
 namespace {
 
-using ByteScan::kHighs;
-using ByteScan::load8;
-
 // The length of the well-formed UTF-8 sequence at p (1 to 4), or 0 when it is ill-formed; then
 // *bad is the length of its maximal ill-formed subpart (at least 1), which one U+FFFD replaces.
 inline int utf8SequenceLength(const unsigned char* p, const unsigned char* end, int* bad) {
@@ -256,6 +253,7 @@ void JSON::copyFrom(const JSON& other) {
   switch (other.tag()) {
     case Tag::longString:
       setString(*other.string());
+      bytes_[15] = other.bytes_[15];
       return;
     case Tag::array: {
       const Array* a = other.pointer<Array>();
@@ -436,7 +434,14 @@ void JSON::writeValue(std::string& out, int indent, int depth, BlockWriter* bloc
       return;
     case Tag::shortString:
     case Tag::longString:
-      appendQuoted(out, *string());
+      if (verbatim()) {
+        std::string_view text = *string();
+        out.push_back('"');
+        out.append(text.data(), text.size());
+        out.push_back('"');
+      } else {
+        appendQuoted(out, *string());
+      }
       return;
     case Tag::array: {
       const Array& a = list();
@@ -492,20 +497,18 @@ std::string JSON::quote(std::string_view s) {
   return out;
 }
 
-// Copies runs of plain bytes in one append. Ill-formed UTF-8 (possible only in strings built by
-// the program itself, e.g. from file names) comes out as U+FFFD so the text is always valid; the
-// check runs only over strings that hold a non-ASCII byte.
-void JSON::appendQuoted(std::string& out, std::string_view s) {
-  const size_t start = out.size();
+namespace {
+
+// Appends s between quotes, escaping what must be, with runs of plain bytes copied in one
+// append; says whether a byte had its high bit set.
+bool appendEscapedText(std::string& out, std::string_view s) {
   const char* p = s.data();
   const char* end = p + s.size();
-  uint64_t high = 0;
+  bool high = false;
   out.push_back('"');
   const char* run = p;
   while (p < end) {
-    bool highSeen = false;
-    p = ByteScan::skipVerbatim(p, end, &highSeen);
-    if (highSeen) high |= 0x80;
+    p = ByteScan::skipVerbatim(p, end, &high);
     if (p == end) break;
     auto c = static_cast<unsigned char>(*p);
     if (kEscape.needs[c]) {
@@ -513,15 +516,33 @@ void JSON::appendQuoted(std::string& out, std::string_view s) {
       appendEscaped(out, c);
       run = p + 1;
     } else {
-      high |= c;
+      high |= c >= 0x80;
     }
     ++p;
   }
   out.append(run, p - run);
   out.push_back('"');
-  if ((high & kHighs) && !isValidUTF8(s)) {
+  return high;
+}
+
+}  // namespace
+
+namespace JSONDetail {
+
+void appendQuotedUTF8(std::string& out, std::string_view text) {
+  appendEscapedText(out, text);
+}
+
+}  // namespace JSONDetail
+
+// Ill-formed UTF-8 (possible only in strings built by the program itself, e.g. from file names)
+// comes out as U+FFFD so the text is always valid; the check runs only over strings that hold a
+// non-ASCII byte.
+void JSON::appendQuoted(std::string& out, std::string_view s) {
+  const size_t start = out.size();
+  if (appendEscapedText(out, s) && !isValidUTF8(s)) {
     out.resize(start);
-    appendQuoted(out, toValidUTF8(s));
+    appendEscapedText(out, toValidUTF8(s));
   }
 }
 
@@ -581,10 +602,9 @@ bool isValidUTF8(std::string_view bytes) {
   auto p = reinterpret_cast<const unsigned char*>(bytes.data());
   auto end = p + bytes.size();
   while (p < end) {
-    if (end - p >= 8 && !(load8(reinterpret_cast<const char*>(p)) & kHighs)) {
-      p += 8;
-      continue;
-    }
+    p = reinterpret_cast<const unsigned char*>(
+        ByteScan::skipASCII(reinterpret_cast<const char*>(p), reinterpret_cast<const char*>(end)));
+    if (p == end) break;
     if (*p < 0x80) {
       ++p;
       continue;

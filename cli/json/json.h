@@ -19,6 +19,10 @@ struct JSONParseError {
   bool operator==(const JSONParseError&) const = default;
 };
 
+// What is known of a text's bytes before it is read as JSON. A reply is made valid UTF-8 as a
+// whole when it arrives, so its strings need no check one by one.
+enum class TextBytes { unchecked, validUTF8 };
+
 // An order-preserving JSON value: objects are lists of pairs, duplicates kept.
 //
 // A value takes 16 bytes: a tag, and a bool, a double, a string of up to 14 bytes, or a pointer
@@ -86,14 +90,15 @@ class JSON {
   static void appendNumber(std::string& out, double v);
 
   // Throws JSONParseError.
-  static JSON parse(std::string_view text);
+  static JSON parse(std::string_view text, TextBytes bytes = TextBytes::unchecked);
   // The text of parse(text).serialized(indent), written as the text is read, without building
   // the value (for printing large replies). Throws JSONParseError.
   static std::string reformat(std::string_view text, int indent);
   // The same text, as write(out, indent, depth) of the parsed value would append it, added to
   // `out` and handed on a block at a time, so that it is never held whole. The text is read
   // twice: nothing is added unless all of it parses. Throws JSONParseError.
-  static void reformatTo(std::string_view text, int indent, int depth, BlockWriter& out);
+  static void reformatTo(std::string_view text, int indent, int depth, BlockWriter& out,
+                         TextBytes bytes = TextBytes::unchecked);
 
   friend bool operator==(const JSON& a, const JSON& b);
   friend class TreeSink;
@@ -101,13 +106,18 @@ class JSON {
  private:
   // The layout of the 16 bytes: the payload in bytes 0 to 7 (or a short string's text in bytes
   // 0 to 13), a long string's length in bytes 8 to 13, a short string's length in byte 14 and
-  // the tag in byte 15. An empty array or object holds no storage (a null pointer).
+  // the tag in byte 15. An empty array or object holds no storage (a null pointer). The high bit
+  // of byte 15 marks a string read from JSON text that printed between quotes as it stands is
+  // its JSON text again (no byte to escape, valid UTF-8), so it is written without a look.
   enum class Tag : uint8_t { null, boolean, number, shortString, longString, array, object };
   static constexpr size_t kShortString = 14;
+  static constexpr unsigned char kVerbatim = 0x80;
 
-  Tag tag() const { return static_cast<Tag>(bytes_[15]); }
+  Tag tag() const { return static_cast<Tag>(bytes_[15] & ~kVerbatim); }
   bool ownsStorage() const { return tag() >= Tag::longString; }
   void setTag(Tag t) { bytes_[15] = static_cast<unsigned char>(t); }
+  bool verbatim() const { return bytes_[15] & kVerbatim; }
+  void markVerbatim() { bytes_[15] |= kVerbatim; }
   template <typename T>
   T* pointer() const;
   void setPointer(const void* p);

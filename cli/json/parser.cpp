@@ -54,14 +54,18 @@ class WriterSink {
     beforeValue();
     JSON::appendNumber(out_, v);
   }
-  void string(std::string& s) {
+  void string(const StringRead& s) {
     beforeValue();
-    JSON::appendQuoted(out_, s);
+    quote(s);
   }
-  void key(std::string& k) {
+  void key(const StringRead& k) {
     separate();
-    JSON::appendQuoted(out_, k);
-    out_ += indent_ > 0 ? ": " : ":";
+    quote(k);
+    if (indent_ > 0) {
+      out_.append(": ", 2);
+    } else {
+      out_.push_back(':');
+    }
   }
   void beginArray() { open('['); }
   void beginObject() { open('{'); }
@@ -69,6 +73,17 @@ class WriterSink {
   void endObject() { close('}'); }
 
  private:
+  // What the reader hands on is valid UTF-8, and often already the text to write.
+  void quote(const StringRead& s) {
+    if (s.verbatim) {
+      out_.push_back('"');
+      out_.append(s.text.data(), s.text.size());
+      out_.push_back('"');
+    } else {
+      JSONDetail::appendQuotedUTF8(out_, s.text);
+    }
+  }
+
   // A line feed and the indentation of the given depth (nothing at indent 0).
   void pad(size_t depth) {
     if (indent_ <= 0) return;
@@ -78,45 +93,48 @@ class WriterSink {
   // The comma before every entry of a container but the first, and the entry's line.
   void separate() {
     if (blocks_) blocks_->flushIfFull();
-    if (!open_.back()) out_.push_back(',');
-    open_.back() = false;
-    pad(open_.size());
+    Level& level = levels_.back();
+    if (!level.empty) out_.push_back(',');
+    level.empty = false;
+    pad(levels_.size());
   }
   // In an array a value starts an entry; in an object its key already did.
   void beforeValue() {
-    if (!inObject_.empty() && !inObject_.back()) separate();
+    if (!levels_.empty() && !levels_.back().object) separate();
   }
   void open(char bracket) {
     beforeValue();
     out_.push_back(bracket);
-    open_.push_back(true);
-    inObject_.push_back(bracket == '{');
+    levels_.push_back({true, bracket == '{'});
   }
   void close(char bracket) {
-    bool empty = open_.back();
-    open_.pop_back();
-    inObject_.pop_back();
-    if (!empty) pad(open_.size());
+    bool empty = levels_.back().empty;
+    levels_.pop_back();
+    if (!empty) pad(levels_.size());
     out_.push_back(bracket);
   }
+
+  struct Level {
+    bool empty;   // no entry written yet
+    bool object;  // an object rather than an array
+  };
 
   std::string& out_;
   int indent_;
   size_t depth_;                // the depth of the value read, in the text around it
   BlockWriter* blocks_;         // where full blocks go, if anywhere
-  std::vector<bool> open_;      // per level: no entry written yet
-  std::vector<bool> inObject_;  // per level: an object rather than an array
+  std::vector<Level> levels_;   // the containers open, outermost first
 };
 
 }  // namespace
 
 // Read twice: once to check the text and count the entries of each container, once to build
 // the value with every container at its exact size.
-JSON JSON::parse(std::string_view text) {
+JSON JSON::parse(std::string_view text, TextBytes bytes) {
   SizeSink sizes;
   readJSON(text, sizes);
   TreeSink tree(sizes.take());
-  readJSON(text, tree);
+  readJSON(text, tree, bytes);
   return tree.result();
 }
 
@@ -129,12 +147,13 @@ std::string JSON::reformat(std::string_view text, int indent) {
   return out;
 }
 
-void JSON::reformatTo(std::string_view text, int indent, int depth, BlockWriter& out) {
+void JSON::reformatTo(std::string_view text, int indent, int depth, BlockWriter& out,
+                      TextBytes bytes) {
   // Checked whole first, so that nothing is handed on for text that does not parse.
   CheckSink check;
   readJSON(text, check);
   WriterSink sink(out.text(), indent, depth, &out);
-  readJSON(text, sink);
+  readJSON(text, sink, bytes);
 }
 
 }  // namespace vorn

@@ -21,17 +21,14 @@ namespace JSONDetail {
 
 inline constexpr int kMaxDepth = 511;  // deepest depth at which a value may stand
 
-inline constexpr uint64_t kOnes = 0x0101010101010101ull;
-inline constexpr uint64_t kHighs = 0x8080808080808080ull;
-
-inline uint64_t hasZeroByte(uint64_t w) {
-  return (w - kOnes) & ~w & kHighs;
-}
-
 struct ByteClasses {
   bool space[256] = {};
   bool number[256] = {};
+  bool stop[256] = {};  // ends a run of string text that may be written as it stands
   constexpr ByteClasses() {
+    for (int c = 0; c < 0x20; ++c)
+      stop[c] = true;
+    stop['"'] = stop['\\'] = true;
     space[' '] = space['\t'] = space['\n'] = space['\r'] = true;
     for (int c = '0'; c <= '9'; ++c)
       number[c] = true;
@@ -50,6 +47,9 @@ inline int hexValue(unsigned char c) {
 // Appends the UTF-8 bytes of a Unicode scalar.
 void appendScalar(std::string& out, uint32_t c);
 
+// JSON::appendQuoted for text known to be valid UTF-8: escapes, without checking the encoding.
+void appendQuotedUTF8(std::string& out, std::string_view text);
+
 // Whether a sink wants the text of strings and keys. One that declares keepsText = false is
 // only checking that the text parses, and strings are then scanned without being copied.
 template <typename Sink>
@@ -63,14 +63,26 @@ constexpr bool keepsText() {
 
 }  // namespace JSONDetail
 
+// A string or a key as read. The text is valid UTF-8 and lasts until the next string is read
+// (it is a view of the input where the string had no escape, else of the reader's buffer).
+// `verbatim`: written between quotes as it stands, it is the string's JSON text, because the
+// input held it so (no escape, no control byte, valid UTF-8).
+struct StringRead {
+  std::string_view text;
+  bool verbatim;
+};
+
 // The grammar, once. A Sink hears each value as it is read: null, boolean, number, string,
-// beginArray/endArray, beginObject/key/endObject. Strings reach it through a scratch buffer
-// that it may take over.
+// beginArray/endArray, beginObject/key/endObject.
 template <typename Sink>
 class JSONReader {
  public:
-  JSONReader(std::string_view text, Sink& sink)
-      : begin_(text.data()), p_(text.data()), end_(text.data() + text.size()), sink_(sink) {}
+  JSONReader(std::string_view text, Sink& sink, TextBytes bytes)
+      : begin_(text.data()),
+        p_(text.data()),
+        end_(text.data() + text.size()),
+        sink_(sink),
+        validInput_(bytes == TextBytes::validUTF8) {}
 
   void parse() {
     skipSpace();
@@ -99,8 +111,7 @@ class JSONReader {
     if (p_ == end_) fail("unexpected end");
     switch (*p_) {
       case '"':
-        string(scratch_);
-        sink_.string(scratch_);
+        sink_.string(string());
         return;
       case '[':
         array(depth);
@@ -172,8 +183,7 @@ class JSONReader {
     for (;;) {
       if (p_ == end_) fail("unterminated object");
       if (*p_ != '"') fail("expected a key");
-      string(scratch_);
-      sink_.key(scratch_);
+      sink_.key(string());
       skipSpace();
       if (p_ == end_ || *p_ != ':') fail("expected :");
       ++p_;
@@ -195,29 +205,41 @@ class JSONReader {
     sink_.endObject();
   }
 
-  // The position is at the opening quote. Runs of plain bytes are copied with one append; the
-  // collected bytes are checked as UTF-8 only when some byte had its high bit set. A sink that
-  // keeps no text gets the escapes alone, unchecked.
-  void string(std::string& out) {
+  // The position is at the opening quote. A string without escapes is handed on as a view of
+  // the text itself; at the first backslash the text read so far goes to the scratch buffer and
+  // the rest is decoded after it. Text with a non-ASCII byte is checked as UTF-8 unless the whole
+  // input is known to be valid. A sink that keeps no text gets the escapes alone, unchecked.
+  StringRead string() {
     constexpr bool keep = JSONDetail::keepsText<Sink>();
-    out.clear();
-    ++p_;
-    uint64_t high = 0;
+    const char* start = ++p_;
+    bool high = false;
+    bool control = false;
     for (;;) {
-      const char* run = p_;
-      bool highSeen = false;
-      p_ = ByteScan::skipUnquoted(p_, end_, &highSeen);
-      if (highSeen) high |= 0x80;
-      while (p_ < end_ && *p_ != '"' && *p_ != '\\') {
-        high |= static_cast<unsigned char>(*p_);
+      p_ = ByteScan::skipVerbatim(p_, end_, &high);
+      while (p_ < end_ && !JSONDetail::kClass.stop[static_cast<unsigned char>(*p_)]) {
+        high |= static_cast<unsigned char>(*p_) >= 0x80;
         ++p_;
       }
-      if constexpr (keep) out.append(run, p_ - run);
       if (p_ == end_) fail("unterminated string");
       if (*p_ == '"') {
+        std::string_view text(start, static_cast<size_t>(p_ - start));
         ++p_;
-        break;
+        if constexpr (keep) return checked(text, high, control);
+        return {text, false};
       }
+      if (*p_ == '\\') break;
+      control = true;  // a raw control byte: kept, written escaped
+      ++p_;
+    }
+    if constexpr (keep) scratch_.assign(start, static_cast<size_t>(p_ - start));
+    return escapedString(high);
+  }
+
+  // The rest of a string from its first backslash on, decoded into the scratch buffer.
+  StringRead escapedString(bool high) {
+    constexpr bool keep = JSONDetail::keepsText<Sink>();
+    std::string& out = scratch_;
+    for (;;) {
       ++p_;  // the backslash
       if (p_ == end_) fail("unterminated string");
       char c = *p_++;
@@ -242,13 +264,35 @@ class JSONReader {
           break;
         default:
           // Any other escaped byte stands for itself ("\q" is "q").
-          high |= static_cast<unsigned char>(c);
+          high |= static_cast<unsigned char>(c) >= 0x80;
           out.push_back(c);
       }
+      const char* run = p_;
+      for (;;) {
+        p_ = ByteScan::skipVerbatim(p_, end_, &high);
+        while (p_ < end_ && !JSONDetail::kClass.stop[static_cast<unsigned char>(*p_)]) {
+          high |= static_cast<unsigned char>(*p_) >= 0x80;
+          ++p_;
+        }
+        if (p_ == end_ || *p_ == '"' || *p_ == '\\') break;
+        ++p_;  // a raw control byte
+      }
+      if constexpr (keep) out.append(run, static_cast<size_t>(p_ - run));
+      if (p_ == end_) fail("unterminated string");
+      if (*p_ == '"') break;
     }
-    if constexpr (keep) {
-      if ((high & JSONDetail::kHighs) && !isValidUTF8(out)) out = toValidUTF8(out);
+    ++p_;
+    if constexpr (keep) return checked(out, high, true);
+    return {out, false};
+  }
+
+  // The text as the sink gets it: valid UTF-8, ill-formed sequences replaced by U+FFFD.
+  StringRead checked(std::string_view text, bool high, bool escaped) {
+    if (high && !validInput_ && !isValidUTF8(text)) {
+      scratch_ = toValidUTF8(text);
+      return {scratch_, false};
     }
+    return {text, !escaped};
   }
 
   // The position is after "\u". A high surrogate joins a following "\u" low surrogate. When the
@@ -326,6 +370,7 @@ class JSONReader {
   const char* p_;
   const char* end_;
   Sink& sink_;
+  bool validInput_;  // the whole text is valid UTF-8, and so every string in it
   std::string scratch_;
 };
 
@@ -337,8 +382,8 @@ class SizeSink {
   void null() { entry(); }
   void boolean(bool) { entry(); }
   void number(double) { entry(); }
-  void string(std::string&) { entry(); }
-  void key(std::string&) {}
+  void string(const StringRead&) { entry(); }
+  void key(const StringRead&) {}
   void beginArray() { open(); }
   void beginObject() { open(); }
   void endArray() { open_.pop_back(); }
@@ -372,8 +417,12 @@ class TreeSink {
   void null() { put(nullptr); }
   void boolean(bool b) { put(b); }
   void number(double v) { put(v); }
-  void string(std::string& s) { put(std::string_view(s)); }
-  void key(std::string& k) { frames_.back().object->emplace_back(std::move(k), JSON()); }
+  void string(const StringRead& s) {
+    JSON value(s.text);
+    if (s.verbatim) value.markVerbatim();
+    put(std::move(value));
+  }
+  void key(const StringRead& k) { frames_.back().object->emplace_back(k.text, JSON()); }
 
   void beginArray() {
     auto* array = new JSON::Array;
@@ -444,8 +493,8 @@ struct CheckSink {
   void null() {}
   void boolean(bool) {}
   void number(double) {}
-  void string(std::string&) {}
-  void key(std::string&) {}
+  void string(const StringRead&) {}
+  void key(const StringRead&) {}
   void beginArray() {}
   void beginObject() {}
   void endArray() {}
@@ -454,8 +503,8 @@ struct CheckSink {
 
 // Reads `text`, telling `sink` each value; throws JSONParseError.
 template <typename Sink>
-void readJSON(std::string_view text, Sink& sink) {
-  JSONReader<Sink>(text, sink).parse();
+void readJSON(std::string_view text, Sink& sink, TextBytes bytes = TextBytes::unchecked) {
+  JSONReader<Sink>(text, sink, bytes).parse();
 }
 
 }  // namespace vorn

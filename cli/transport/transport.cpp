@@ -393,7 +393,7 @@ Reply toReply(const RawReply& raw) {
   Reply reply;
   reply.status = raw.status;
   try {
-    reply.body = JSON::parse(raw.body);
+    reply.body = JSON::parse(raw.body, TextBytes::validUTF8);
   } catch (const JSONParseError&) {
     reply.body = notJSON(raw.status, raw.body);
   }
@@ -402,7 +402,7 @@ Reply toReply(const RawReply& raw) {
 
 void writeBody(const RawReply& raw, int indent, int depth, BlockWriter& out) {
   try {
-    JSON::reformatTo(raw.body, indent, depth, out);
+    JSON::reformatTo(raw.body, indent, depth, out, TextBytes::validUTF8);
   } catch (const JSONParseError&) {
     notJSON(raw.status, raw.body).write(out.text(), indent, depth);
   }

@@ -22,7 +22,7 @@ struct Reply {
 // A reply before its body is read as JSON: the status and the body as valid UTF-8 text.
 struct RawReply {
   int status = 0;
-  ReplyBytes body;
+  ReplyBytes body;  // valid UTF-8: ill-formed sequences were replaced when it was received
   bool ok() const { return status >= 200 && status <= 299; }
 };
 

@@ -80,13 +80,13 @@ class SearchSink {
     if (capturing()) return capture_.number(v);
     scalar(JSON(v));
   }
-  void string(std::string& s) {
+  void string(const StringRead& s) {
     if (capturing()) return capture_.string(s);
-    scalar(JSON(std::move(s)));
+    scalar(JSON(s.text));
   }
-  void key(std::string& k) {
+  void key(const StringRead& k) {
     if (capturing()) return capture_.key(k);
-    key_ = std::move(k);
+    key_.assign(k.text);
   }
   void beginArray() { begin(false); }
   void beginObject() { begin(true); }
