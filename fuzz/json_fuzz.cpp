@@ -1,7 +1,8 @@
 // The JSON parser as a round trip. Whatever parses serializes to text that parses back to an
-// equal value and serializes to the same text again; the reformatting writer gives exactly
-// the text of parse-then-serialize, whole or in blocks at a depth; and text that does not
-// parse fails the same way in every reader.
+// equal value and serializes to the same text again, and to the text of the same value built by
+// hand; the reformatting writer gives exactly the text of parse-then-serialize, whole or in
+// blocks at a depth, whether or not the text is known to be valid UTF-8; and text that does
+// not parse fails the same way in every reader.
 #include <cmath>
 #include <optional>
 #include <string>
@@ -16,23 +17,40 @@ using vorn::fuzz::check;
 
 namespace {
 
-// The value as serializing it shows it: a number beyond the double range (read as infinity)
-// is written as null.
-JSON asWritten(const JSON& value) {
-  if (std::optional<double> n = value.number()) return std::isfinite(*n) ? value : JSON();
+// The value with each scalar (all but arrays and objects) replaced by what `scalar` makes of it.
+template <typename Scalar>
+JSON mapScalars(const JSON& value, const Scalar& scalar) {
   if (value.kind() == JSON::Kind::array) {
     JSON::Array out;
     for (const JSON& element : value.list())
-      out.push_back(asWritten(element));
+      out.push_back(mapScalars(element, scalar));
     return JSON(std::move(out));
   }
   if (const JSON::Object* members = value.members()) {
     JSON::Object out;
     for (const auto& [key, member] : *members)
-      out.emplace_back(key, asWritten(member));
+      out.emplace_back(key, mapScalars(member, scalar));
     return JSON(std::move(out));
   }
-  return value;
+  return scalar(value);
+}
+
+// The value as serializing it shows it: a number beyond the double range (read as infinity)
+// is written as null.
+JSON asWritten(const JSON& value) {
+  return mapScalars(value, [](const JSON& v) {
+    std::optional<double> n = v.number();
+    return n && !std::isfinite(*n) ? JSON() : v;
+  });
+}
+
+// The same value built by hand: strings made from their bytes, so none carries what the reader
+// saw of its text.
+JSON rebuilt(const JSON& value) {
+  return mapScalars(value, [](const JSON& v) {
+    std::optional<std::string_view> s = v.string();
+    return s ? JSON(std::string(*s)) : v;
+  });
 }
 
 // Every failure names one of the parser's problems and the offset, which lies in the input;
@@ -81,12 +99,12 @@ std::optional<std::string> parseFailure(std::string_view text, std::optional<JSO
 // the blocks joined are the value written at that depth, and text that does not parse hands
 // nothing on.
 void checkBlocks(std::string_view input, const std::optional<JSON>& value,
-                 const std::optional<std::string>& failure) {
+                 const std::optional<std::string>& failure, TextBytes bytes) {
   constexpr int indent = 2, depth = 3;
   std::string joined;
   BlockWriter out([&](std::string_view block) { joined += block; }, 16);
   try {
-    JSON::reformatTo(input, indent, depth, out);
+    JSON::reformatTo(input, indent, depth, out, bytes);
     out.flush();
   } catch (const JSONParseError& e) {
     check(failure == e.message, "the block writer fails exactly as the parser does", e.message);
@@ -107,7 +125,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::optional<JSON> value;
   std::optional<std::string> failure = parseFailure(input, value);
   if (failure) checkFailure(*failure, input);
-  checkBlocks(input, value, failure);
+  checkBlocks(input, value, failure, TextBytes::unchecked);
+  // Text known to be valid UTF-8 (as a reply is) reads the same without checking its strings.
+  if (isValidUTF8(input)) {
+    checkBlocks(input, value, failure, TextBytes::validUTF8);
+    if (!failure) {
+      check(JSON::parse(input, TextBytes::validUTF8) == *value, "valid text reads the same unchecked");
+      check(JSON::parse(input, TextBytes::validUTF8).serialized(0) == value->serialized(0),
+            "valid text read unchecked prints the same");
+    }
+  }
 
   for (int indent : {0, 2}) {
     std::optional<std::string> reformatted, reformatFailure;
@@ -127,6 +154,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     check(*reformatted == serialized, "the writer gives the text of parse-then-serialize",
           *reformatted + "\n---\n" + serialized);
     check(isValidUTF8(serialized), "serialized text is valid UTF-8", serialized);
+    check(rebuilt(*value).serialized(indent) == serialized,
+          "a read value prints as the same value built by hand", serialized);
 
     std::optional<JSON> back;
     std::optional<std::string> backFailure = parseFailure(serialized, back);

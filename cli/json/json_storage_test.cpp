@@ -129,13 +129,13 @@ TEST(JSONStorage, ReadStringsPrintAsBuiltOnes) {
   const std::vector<std::string> cases = {
       "plain",
       "a plain string well past fourteen bytes",
-      "caf\u00e9 and \"quotes\" and a\\backslash",
-      "tab\there\nnewline \/ solidus",
-      std::string("raw\x01control byte kept, written escaped"),
-      "donn\xc3\xa9es \xe6\x95\xb0\xe6\x8d\xae \xf0\x9f\x98\x80",
-      "escaped high \\\xc3\xa9 byte",
-      "lone \\ud800 surrogate",
-      "bad \xff\xfe bytes",
+      R"(caf\u00e9 and \"quotes\" and a\\backslash)",
+      R"(tab\there\nnewline \/ solidus)",
+      "raw\x01" "control byte kept, written escaped",
+      "donn\xc3\xa9" "es \xe6\x95\xb0\xe6\x8d\xae \xf0\x9f\x98\x80",
+      "escaped high \\\xc3\xa9" " byte",
+      R"(lone \ud800 surrogate)",
+      "bad \xff\xfe" " bytes",
       "cut \xe6\x95",
   };
   for (const std::string& body : cases) {
@@ -146,12 +146,7 @@ TEST(JSONStorage, ReadStringsPrintAsBuiltOnes) {
       size_t slash = prefix.rfind("\\u");
       if (slash != std::string::npos && prefix.size() - slash < 6) continue;
       std::string text = "[\"" + prefix + "\",{\"" + prefix + "\":\"" + prefix + "\"}]";
-      JSON read;
-      try {
-        read = JSON::parse(text);
-      } catch (const JSONParseError&) {
-        continue;  // a cut inside an escape pair
-      }
+      JSON read = JSON::parse(text);
       std::string decoded(*read.list()[0].string());
       JSON built = JSON::array({JSON(decoded), JSON::object({{decoded, JSON(decoded)}})});
       for (int indent : {0, 2}) {
