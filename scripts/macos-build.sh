@@ -21,7 +21,9 @@ fail() { echo "macos-build: $*" >&2; exit 1; }
 for arch in "${archs[@]}"; do
   case $arch in aarch64 | x86_64) ;; *) fail "unknown architecture '$arch'" ;; esac
   dir="$host-macos-$arch"
-  zig_tree "$arch-macos" "$dir" "$host" -DVORN_GTEST_SOURCE="${GTEST_SOURCE:-/usr/src/googletest}"
+  # Tests on: make dist configures the same trees without them.
+  zig_tree "$arch-macos" "$dir" "$host" -DVORN_TESTS=ON \
+    -DVORN_GTEST_SOURCE="${GTEST_SOURCE:-/usr/src/googletest}"
   cmake --build "$dir" --target vorn vorn_tests -j "$jobs"
   minimum=$(sed -n 's/^CMAKE_OSX_DEPLOYMENT_TARGET:STRING=//p' "$dir/CMakeCache.txt")
   [ -n "$minimum" ] || fail "$dir has no CMAKE_OSX_DEPLOYMENT_TARGET"

@@ -1,6 +1,6 @@
 # Sourced by the scripts that cross-compile with Zig (macos-build.sh, dist.sh).
 #   zig_tree TARGET DIR HOST_BUILD [CMAKE_ARG...]
-# Configures DIR once as a Release build for the Zig target (aarch64-macos, x86_64-macos,
+# Configures DIR (once, then only the given CMAKE_ARGs again) as a Release build for the Zig target (aarch64-macos, x86_64-macos,
 # x86_64-linux-musl, aarch64-linux-musl), taking the completion scripts and the manual page that
 # the native build HOST_BUILD generated. The sources are compiled sixteen to a unit (a unity
 # build), which takes a third of the time on a small machine; so names private to a source file
@@ -12,7 +12,11 @@ zig_tree() {
     echo "$host/generated is missing: build the vorn_generated target of $host first" >&2
     return 1
   }
-  [ -f "$dir/build.ninja" ] && return 0
+  if [ -f "$dir/build.ninja" ]; then
+    # Configured before, maybe by the other script: only this caller's options are set again.
+    [ $# -eq 0 ] || cmake -B "$dir" "$@" >/dev/null
+    return 0
+  fi
   cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=Release \
     -DCMAKE_TOOLCHAIN_FILE=cmake/zig-toolchain.cmake -DVORN_ZIG_TARGET="$target" \
     -DVORN_SANITIZED_TESTS=OFF -DVORN_GENERATED_FROM="$PWD/$host/generated" \
