@@ -71,6 +71,25 @@ function row(f: Figure, goal?: { text: string; ok: boolean }, ratio?: string): R
   };
 }
 
+// vorn's peak memory over the size of the reply it held.
+function replyShare(f: Figure): number {
+  return (f.vorn.rssKiB.median * 1024) / (f.replyBytes ?? 1);
+}
+
+// The row under a big-reply figure: vorn's peak memory beside the yardstick's, against a limit.
+function peakRow(f: Figure, figure: string, yardstick: string, limit: number): Row {
+  const share = replyShare(f);
+  return {
+    figure,
+    runs: String(f.runs),
+    vorn: mib(f.vorn.rssKiB.median),
+    yardstick: `${yardstick} ${mib(f.yardstick.rssKiB.median)}`,
+    ratio: `${share.toFixed(2)}× the reply`,
+    goal: `≤ ${limit}× the reply`,
+    met: verdict(share <= limit),
+  };
+}
+
 function rows(): Row[] {
   const out: Row[] = [];
   for (const f of figures) {
@@ -92,37 +111,19 @@ function rows(): Row[] {
       case "tree": {
         const faster = 1 / f.pairRatio;
         out.push(row(f, { text: "≥ 10× faster", ok: faster >= 10 }, `${times(faster)} faster`));
-        const share = (f.vorn.rssKiB.median * 1024) / (f.replyBytes ?? 1);
-        out.push({
-          figure: `…its peak memory (reply ${((f.replyBytes ?? 0) / 1e6).toFixed(1)} MB)`,
-          runs: String(f.runs),
-          vorn: mib(f.vorn.rssKiB.median),
-          yardstick: `jq ${mib(f.yardstick.rssKiB.median)}`,
-          ratio: `${share.toFixed(2)}× the reply`,
-          goal: "≤ 1.5× the reply",
-          met: verdict(share <= 1.5),
-        });
+        out.push(peakRow(f, `…its peak memory (reply ${((f.replyBytes ?? 0) / 1e6).toFixed(1)} MB)`, "jq", 1.5));
         break;
       }
       case "tree-json":
       case "tree-chunked": {
-        const share = (f.vorn.rssKiB.median * 1024) / (f.replyBytes ?? 1);
+        const share = replyShare(f);
         const r = row(f, undefined, `${times(1 / f.pairRatio)} faster`);
         out.push({ ...r, vorn: `${r.vorn}; peak ${mib(f.vorn.rssKiB.median)} (${share.toFixed(2)}× the reply)` });
         break;
       }
       case "tree-curl": {
         out.push(row(f, { text: "≤ 3×", ok: ratio <= 3 }));
-        const share = (f.vorn.rssKiB.median * 1024) / (f.replyBytes ?? 1);
-        out.push({
-          figure: "…its peak memory",
-          runs: String(f.runs),
-          vorn: mib(f.vorn.rssKiB.median),
-          yardstick: `curl ${mib(f.yardstick.rssKiB.median)}`,
-          ratio: `${share.toFixed(2)}× the reply`,
-          goal: "≤ 1.1× the reply",
-          met: verdict(share <= 1.1),
-        });
+        out.push(peakRow(f, "…its peak memory", "curl", 1.1));
         break;
       }
       case "search":
@@ -130,7 +131,7 @@ function rows(): Row[] {
         break;
       default:
         if (f.key.startsWith("memory-")) {
-          const share = (f.vorn.rssKiB.median * 1024) / (f.replyBytes ?? 1);
+          const share = replyShare(f);
           out.push({
             figure: `${f.title}: peak memory`,
             runs: String(f.runs),

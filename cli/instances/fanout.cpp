@@ -55,15 +55,6 @@ FanoutRow postOne(const InstanceInfo& target, const std::string& path, const JSO
   return out;
 }
 
-// The value at indent 2 and a line feed, handed on in blocks: a large value is never held as
-// text whole.
-void print(const Context& ctx, const JSON& value) {
-  BlockWriter out(ctx.writeOut);
-  value.writeTo(out, 2, 0);
-  out.text() += '\n';
-  out.flush();
-}
-
 // One row of readEach's results at its place in the printed {"results": [...]}, the body written
 // straight from the received text: a large reply (a whole file tree) is never held as a value.
 void writeReadRow(BlockWriter& out, const std::string& id, const RawReply& reply) {
@@ -135,7 +126,7 @@ void Instances::postEach(const std::vector<InstanceInfo>& targets, const std::st
     // Printed where it stands (a conditional between it and a null would copy it).
     const JSON null;
     const JSON* replyBody = rows[0].row.get("body");
-    print(ctx, replyBody ? *replyBody : null);
+    (replyBody ? *replyBody : null).printTo(ctx.writeOut);
     if (rows[0].failed && rows[0].detail) {
       throw CliError{"vorn " + label + ": " + *rows[0].detail};
     }

@@ -8,6 +8,7 @@
 #include "json/block_writer.h"
 #include "json/byte_scan.h"
 #include "json/decimal.h"
+#include "json/reader.h"
 
 namespace vorn {
 
@@ -417,6 +418,13 @@ void JSON::writeTo(BlockWriter& out, int indent, int depth) const {
   writeValue(out.text(), indent, depth, &out);
 }
 
+void JSON::printTo(const std::function<void(std::string_view)>& write) const {
+  BlockWriter out(write);
+  writeTo(out, 2, 0);
+  out.text() += '\n';
+  out.flush();
+}
+
 void JSON::writeValue(std::string& out, int indent, int depth, BlockWriter* blocks) const {
   switch (tag()) {
     case Tag::null:
@@ -435,10 +443,7 @@ void JSON::writeValue(std::string& out, int indent, int depth, BlockWriter* bloc
     case Tag::shortString:
     case Tag::longString:
       if (verbatim()) {
-        std::string_view text = *string();
-        out.push_back('"');
-        out.append(text.data(), text.size());
-        out.push_back('"');
+        JSONDetail::appendVerbatim(out, *string());
       } else {
         appendQuoted(out, *string());
       }

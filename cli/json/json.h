@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -83,6 +84,9 @@ class JSON {
   void write(std::string& out, int indent, int depth) const;
   // The same text, handed on a block at a time (for printing large values).
   void writeTo(BlockWriter& out, int indent, int depth) const;
+  // The value as a command prints it: at indent 2 with a line feed, handed to `write` a block at
+  // a time, so that a large value is never held as text whole.
+  void printTo(const std::function<void(std::string_view)>& write) const;
 
   static std::string quote(std::string_view s);
   static void appendQuoted(std::string& out, std::string_view s);

@@ -76,9 +76,7 @@ class WriterSink {
   // What the reader hands on is valid UTF-8, and often already the text to write.
   void quote(const StringRead& s) {
     if (s.verbatim) {
-      out_.push_back('"');
-      out_.append(s.text.data(), s.text.size());
-      out_.push_back('"');
+      JSONDetail::appendVerbatim(out_, s.text);
     } else {
       JSONDetail::appendQuotedUTF8(out_, s.text);
     }

@@ -50,6 +50,13 @@ void appendScalar(std::string& out, uint32_t c);
 // JSON::appendQuoted for text known to be valid UTF-8: escapes, without checking the encoding.
 void appendQuotedUTF8(std::string& out, std::string_view text);
 
+// The text between quotes as it stands: for text that needs no escape and is valid UTF-8.
+inline void appendVerbatim(std::string& out, std::string_view text) {
+  out.push_back('"');
+  out.append(text.data(), text.size());
+  out.push_back('"');
+}
+
 // Whether a sink wants the text of strings and keys. One that declares keepsText = false is
 // only checking that the text parses, and strings are then scanned without being copied.
 template <typename Sink>
@@ -424,33 +431,10 @@ class TreeSink {
   }
   void key(const StringRead& k) { frames_.back().object->emplace_back(k.text, JSON()); }
 
-  void beginArray() {
-    auto* array = new JSON::Array;
-    array->reserve(nextSize());
-    JSON value = JSON::array();
-    value.setPointer(array);
-    put(std::move(value));
-    frames_.push_back({array, nullptr});
-  }
-  void beginObject() {
-    auto* object = new JSON::Object;
-    object->reserve(nextSize());
-    JSON value = JSON::object();
-    value.setPointer(object);
-    put(std::move(value));
-    frames_.push_back({nullptr, object});
-  }
-  // An empty container gives its storage back: an empty value holds none.
-  void endArray() {
-    JSON::Array* array = frames_.back().array;
-    frames_.pop_back();
-    if (array->empty()) last() = JSON::array();
-  }
-  void endObject() {
-    JSON::Object* object = frames_.back().object;
-    frames_.pop_back();
-    if (object->empty()) last() = JSON::object();
-  }
+  void beginArray() { frames_.push_back({open<JSON::Array>(JSON::array()), nullptr}); }
+  void beginObject() { frames_.push_back({nullptr, open<JSON::Object>(JSON::object())}); }
+  void endArray() { close(); }
+  void endObject() { close(); }
 
   JSON result() { return std::move(root_); }
 
@@ -461,6 +445,24 @@ class TreeSink {
   };
 
   size_t nextSize() { return next_ < sizes_.size() ? sizes_[next_++] : 0; }
+
+  // Puts the empty container where it belongs and gives it storage for the entries counted.
+  template <typename Container>
+  Container* open(JSON empty) {
+    auto* container = new Container;
+    empty.setPointer(container);  // owned from here on, should reserving fail
+    container->reserve(nextSize());
+    put(std::move(empty));
+    return container;
+  }
+
+  // An empty container gives its storage back: an empty value holds none.
+  void close() {
+    Frame frame = frames_.back();
+    frames_.pop_back();
+    if (frame.array && frame.array->empty()) last() = JSON::array();
+    if (frame.object && frame.object->empty()) last() = JSON::object();
+  }
 
   // Builds the value where it belongs.
   template <typename T>

@@ -106,6 +106,24 @@ TEST(TransportPrintBody, ALargeBodyLeavesInBlocksAsTheValueWouldPrint) {
     EXPECT_LE(size, BlockWriter::defaultBlockBytes + 1024);
 }
 
+// A reply's ill-formed bytes are replaced once, as it arrives; its strings are then read without
+// a check of their own, and both ways of using a reply give the same valid text.
+TEST(TransportPrintBody, IllFormedBytesArePrintedAndParsedAlike) {
+  RawReply raw = Transport::parseRawResponse(okReply(
+      "{\"bad\xff\":[\"a\xc3" "b\",\"caf\\u00e9 \xe6\x95\xb0\",\"tab\\tand\x01raw\",\"cut \xe6\x95\"]}"));
+  const std::string expected =
+      "{\n  \"bad\xEF\xBF\xBD\": [\n    \"a\xEF\xBF\xBD" "b\",\n    \"caf\xC3\xA9 \xE6\x95\xB0\",\n"
+      "    \"tab\\tand\\u0001raw\",\n    \"cut \xEF\xBF\xBD\"\n  ]\n}\n";
+  std::string printed;
+  Transport::printBody(raw, [&](std::string_view text) { printed += text; });
+  EXPECT_EQ(printed, expected);
+  JSON value = Transport::toReply(raw).body;
+  EXPECT_EQ(value.serialized(2) + "\n", expected);
+  std::string copied;
+  JSON(value).printTo([&](std::string_view text) { copied += text; });
+  EXPECT_EQ(copied, expected);
+}
+
 TEST(TransportPrintBody, NotJSONPrintsTheErrorObjectAtItsDepth) {
   RawReply raw = Transport::parseRawResponse("HTTP/1.1 502 Bad\r\n\r\n<html>");
   std::string printed;

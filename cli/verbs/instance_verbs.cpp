@@ -289,11 +289,7 @@ void inspect(const Flags& flags, Instances& instances) {
     entries.push_back(
         inspectEntry(targets[t], now, std::move(r[0]), std::move(r[1]), std::move(r[2]), r[3]));
   }
-  // Printed in blocks as it is written: the text of a large reply is never held whole.
-  BlockWriter out(instances.ctx.writeOut);
-  JSON(std::move(entries)).writeTo(out, 2, 0);
-  out.text() += '\n';
-  out.flush();
+  JSON(std::move(entries)).printTo(instances.ctx.writeOut);
 }
 
 // The reply's "error" string, or the fallback.
